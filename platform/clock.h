@@ -1,0 +1,35 @@
+// Clocks and pauses. Every wait and every time-out of the library goes
+// through these functions, so that the test seam (test_seam.h) can shorten
+// all of them by one factor while their ratios stay as they are.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace platform {
+
+// Blocks the calling thread for the given number of milliseconds (the
+// semantics of the system's Sleep).
+void pauseMs(uint32_t milliseconds);
+
+// Milliseconds since the system started, unsigned 32 bits; wraps after
+// about 49.7 days (the semantics of timeGetTime).
+uint32_t tickCount();
+
+// The system's wall clock in milliseconds: its count of 100-nanosecond
+// ticks divided by 10,000.
+int64_t wallClockMs();
+
+// The calendar time in whole seconds (the semantics of time(nullptr)).
+int64_t calendarSeconds();
+
+// Formats the given calendar time as local time with a strftime format.
+// Returns the number of characters written, 0 on failure.
+size_t formatLocalTime(char* buffer, size_t capacity, const char* format, int64_t calendarTime);
+
+// Gives the processor back to another ready thread without sleeping. The
+// busy waits of the API call this between polls, so that on a machine with
+// few processors the rack's worker threads still run.
+void yieldProcessor();
+
+}  // namespace platform

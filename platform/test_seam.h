@@ -1,0 +1,26 @@
+// The test seam of the platform layer. Only tests and benchmarks include
+// this header; the library never calls it, and nothing in it is exported
+// from the shipped library. It is not configuration: a process that does
+// not call it runs on the real clocks and writes the real log file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace platform::testing {
+
+// Makes every pause `factor` times shorter and every clock run `factor`
+// times faster, so that a 40 s time-out still comes after a 3 s pause.
+// 1 restores real time. Call it while no library thread is running.
+void setTimeScale(uint32_t factor);
+uint32_t timeScale();
+
+// Adds a fixed amount to the tick counter, so that a test can place the
+// 32-bit wrap of the counter a few seconds ahead.
+void setTickOffset(uint32_t offsetMs);
+
+// Sends the trace log to another file; an empty path restores the
+// platform's own place.
+void setLogFilePath(const std::string& path);
+
+}  // namespace platform::testing

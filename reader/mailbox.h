@@ -1,0 +1,43 @@
+// One message deep: a fixed buffer for one whole frame, with two flags so
+// that two consumers (the status thread and a waiting exchange) each follow
+// the same message on their own. A write replaces the message whatever the
+// flags say; a read leaves it in place.
+//
+// The bytes are shared between threads without a lock. They are held in
+// atomic words behind a sequence counter: a writer makes the counter odd,
+// stores, and makes it even again; a reader copies between two equal, even
+// readings of the counter and otherwise copies again. So a reader never
+// takes a frame that is half old and half new, and `bytes` and `length` are
+// complete before `unread` and `arrived` are set.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+class Mailbox {
+public:
+    static constexpr uint32_t capacity = 2048;
+
+    // Copies `count` bytes in (at most `capacity`), sets `length`, then
+    // `unread` and `arrived`.
+    void write(const uint8_t* data, uint32_t count);
+
+    // Copies `length` bytes to `destination`, which holds `capacity` bytes,
+    // clears `unread` and returns the length.
+    uint32_t read(uint8_t* destination);
+
+    void clearArrived() { arrived.store(0, std::memory_order_release); }
+
+    uint16_t flag(bool selectArrived) const
+    {
+        return selectArrived ? arrived.load(std::memory_order_acquire) : unread.load(std::memory_order_acquire);
+    }
+
+    std::atomic<uint32_t> bytes[capacity / 4] = {};
+    std::atomic<uint32_t> length{0};
+    std::atomic<uint16_t> unread{0};
+    std::atomic<uint16_t> arrived{0};
+
+private:
+    std::atomic<uint32_t> sequence_{0};
+};

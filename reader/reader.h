@@ -1,0 +1,101 @@
+// One card slot of a rack: what the PC/SC side calls a reader. It holds the
+// slot's name, its card handle, its card state and ATR, and the two
+// mailboxes through which every message to and from the slot passes.
+// Created when the master reports the slot, never destroyed while the
+// library runs.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/d2xx.h"
+#include "platform/sync.h"
+#include "reader/atr.h"
+#include "reader/mailbox.h"
+
+// Every card handle drawn so far in the process, shared by all racks, with
+// the lock that keeps the uniqueness test and the append together.
+extern std::vector<uint32_t> g_cardHandles;
+extern platform::ExclusiveLock g_cardHandlesLock;
+
+// Card states: the bit values of the open-source PC/SC headers.
+enum : uint32_t {
+    kStateNoCard = 0x02,
+    kStateCard = 0x04,
+    kStateMuteCard = 0x04 | 0x08,
+};
+
+class Reader {
+public:
+    Reader(uint32_t address, std::string serial);
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    // Outgoing (`outgoing` true): `data` is the payload behind the frame
+    // head, 1 to 256 bytes; it is wrapped into a frame to this slot.
+    // Incoming: `data` is a whole received frame, stored unchanged.
+    void writeMailbox(bool outgoing, const uint8_t* data, uint32_t count);
+    // `destination` holds a whole mailbox (Mailbox::capacity bytes).
+    uint32_t readMailbox(bool outgoing, uint8_t* destination);
+    uint16_t mailboxFull(bool outgoing, bool selectArrived) const;
+    void clearIncoming() { incoming.clearArrived(); }
+
+    uint32_t hasSent() const { return hasSent_.load(std::memory_order_acquire); }
+    uint32_t protocol() const { return protocol_.load(std::memory_order_acquire); }
+    void setProtocol(uint32_t tNumber) { protocol_.store(tNumber, std::memory_order_release); }
+
+    // The name widened character by character; returns 0.
+    uint32_t wideName(std::wstring& out) const;
+
+    // Takes the outgoing frame and writes it to the device link; the FT
+    // status of the write.
+    FT_STATUS send(FT_HANDLE device);
+
+    // Card state and ATR, kept by the rack's status thread.
+    uint32_t cardState() const { return cardState_.load(std::memory_order_acquire); }
+    uint32_t atr(uint8_t* destination) const { return atr_.load().copyTo(destination); }
+    Atr atrValue() const { return atr_.load(); }
+    uint32_t atrLength() const { return atr_.length(); }
+    void cardInserted(Atr value);
+    void cardRemoved(bool mute);
+
+    // Two host threads that exchange with the same slot would share one
+    // pair of mailboxes and could take each other's answers. Every host
+    // call that sends to the slot and waits for its reply (connect,
+    // reconnect, disconnect, transmit) holds the slot's turn for the whole
+    // exchange; a second caller polls until the first is done.
+    void takeTurn();
+    void giveTurn() { turn_.store(0, std::memory_order_release); }
+
+    static uint32_t newHandle();
+
+    // Fields, in the order of the reader record.
+    SharedAtr atr_;
+    Mailbox outgoing;
+    Mailbox incoming;
+    std::atomic<uint32_t> cardState_{kStateNoCard};
+    std::atomic<uint32_t> protocol_{0};
+    const uint32_t address;
+    std::atomic<uint32_t> hasSent_{0};
+    const uint32_t handle;
+    const std::string name;
+    std::atomic<uint32_t> protocolMask{0};
+    std::atomic<uint32_t> blocked{0};
+
+private:
+    std::atomic<uint32_t> turn_{0};
+};
+
+// Holds a reader's turn for the life of the object.
+class ReaderTurn {
+public:
+    explicit ReaderTurn(Reader* reader) : reader_(reader) { reader_->takeTurn(); }
+    ~ReaderTurn() { reader_->giveTurn(); }
+    ReaderTurn(const ReaderTurn&) = delete;
+    ReaderTurn& operator=(const ReaderTurn&) = delete;
+
+private:
+    Reader* reader_;
+};

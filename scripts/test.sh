@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# The whole test run: installs what is missing, builds natively and runs
+# the suite, cross-builds the product for 32-bit Windows, runs the suite
+# again under AddressSanitizer+UBSan and under ThreadSanitizer, and runs
+# the Windows stage under Wine. Each stage prints its own summary.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=$(nproc 2>/dev/null || echo 2)
+
+bash scripts/install-deps.sh
+
+stage() { echo; echo "=== $* ==="; }
+
+stage "native build and tests"
+cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build/native -j "$jobs"
+ctest --test-dir build/native -j "$jobs" --output-on-failure
+
+stage "32-bit Windows cross-build"
+cmake -S . -B build/win32 -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-i686-mingw.cmake" >/dev/null
+cmake --build build/win32 -j "$jobs"
+
+if [ -x scripts/test-wine.sh ]; then
+  stage "Windows stage under Wine"
+  bash scripts/test-wine.sh build/win32
+fi
+
+stage "AddressSanitizer + UndefinedBehaviorSanitizer"
+cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTESSEL_SANITIZE=address -DTESSEL_BENCH=OFF \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+cmake --build build/asan -j "$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build/asan -j "$jobs" --output-on-failure
+
+stage "ThreadSanitizer"
+cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSEL_SANITIZE=thread -DTESSEL_BENCH=OFF \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+cmake --build build/tsan -j "$jobs"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir build/tsan -j "$jobs" --output-on-failure
+
+if [ -x scripts/fuzz.sh ]; then
+  stage "fuzzing"
+  bash scripts/fuzz.sh
+fi
+
+echo
+echo "all stages passed"

@@ -1,0 +1,168 @@
+/*
+ * Control surface of the rack emulator.
+ *
+ * The emulator is the rack hardware seen from the host's side of the USB
+ * cable: a list of FTDI devices, each a rack with a master at address 0 and
+ * card slots at 1 to 240, speaking the rack's framed serial protocol byte
+ * for byte. The host reaches it through the D2XX functions (FT_OpenEx,
+ * FT_Read, FT_Write, ...); tests, tools and benchmarks configure it, inject
+ * faults and read what the host wrote through the plain C functions below.
+ *
+ * All functions are safe to call from any thread, also while the host is
+ * using the devices. Device indexes count from 0 in list order; addresses
+ * are slot addresses 1..240. Functions given a device index or an address
+ * that does not exist do nothing and return -1 where they return a value.
+ */
+#ifndef TESSEL_RACK_SIM_H
+#define TESSEL_RACK_SIM_H
+
+#ifdef _WIN32
+#ifdef RACKSIM_BUILDING
+#define RACKSIM_API __declspec(dllexport)
+#else
+#define RACKSIM_API
+#endif
+#define RACKSIM_CALL __cdecl
+#else
+#define RACKSIM_API __attribute__((visibility("default")))
+#define RACKSIM_CALL
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Devices ---------------------------------------------------------- */
+
+/* Removes every device, with its slots, faults, wire log and counters. */
+RACKSIM_API void RACKSIM_CALL rackSimReset(void);
+
+/* Appends a device to the device list; returns its index. A rack has the
+ * description "Smart Card Rack"; any other text makes a device that the
+ * library must pass over. */
+RACKSIM_API int RACKSIM_CALL rackSimAddDevice(const char* description, const char* serial);
+
+/* While set, FT_OpenEx of this device fails with FT_DEVICE_NOT_OPENED, as
+ * when another process holds it. */
+RACKSIM_API void RACKSIM_CALL rackSimSetOpenFails(int device, int fails);
+
+/* 1 while the host holds the device open. */
+RACKSIM_API int RACKSIM_CALL rackSimIsOpen(int device);
+
+/* ---- Slots and cards -------------------------------------------------- */
+
+/* Sets the raw slot-map byte that the master reports for an address (low
+ * four bits 1, 2 or 3: a populated slot; anything else: empty). A slot
+ * whose byte is populated answers frames; others stay silent. */
+RACKSIM_API void RACKSIM_CALL rackSimSetSlotMapByte(int device, int address, unsigned char mapByte);
+
+/* Populates `count` slots from `firstAddress` on (map byte 0x01), empty. */
+RACKSIM_API void RACKSIM_CALL rackSimAddSlots(int device, int firstAddress, int count);
+
+/* Puts a card with this ATR (1..64 bytes) in the slot. While the device is
+ * open, the slot sends an unsolicited status frame (status 5 with the ATR). */
+RACKSIM_API void RACKSIM_CALL rackSimInsertCard(int device, int address, const unsigned char* atr, int atrLength);
+
+/* Takes the card out; while open, sends an unsolicited status 1 frame. */
+RACKSIM_API void RACKSIM_CALL rackSimRemoveCard(int device, int address);
+
+/* Makes the card mute (present, no ATR); while open, sends status 3. */
+RACKSIM_API void RACKSIM_CALL rackSimMuteCard(int device, int address);
+
+/* ---- What a card answers to 0x40 commands ------------------------------ */
+
+/* Default responder of a new card: every command answers 90 00. */
+/* Echo: the answer is the command APDU itself. */
+RACKSIM_API void RACKSIM_CALL rackSimSetEcho(int device, int address);
+
+/* Every command gets this answer (0..4096 bytes; 256 or more go out in the
+ * extended frame form). */
+RACKSIM_API void RACKSIM_CALL rackSimSetFixedAnswer(int device, int address, const unsigned char* answer, int length);
+
+/* Table mode: a command equal to `command` gets `answer`; a command not in
+ * the table gets 6D 00. The first call switches the slot to table mode. */
+RACKSIM_API void RACKSIM_CALL rackSimAddTableEntry(int device, int address, const unsigned char* command,
+                                                   int commandLength, const unsigned char* answer, int answerLength);
+
+/* The card's work time per command, in milliseconds of real time, between
+ * the acknowledge and the answer. */
+RACKSIM_API void RACKSIM_CALL rackSimSetCardDelayMs(int device, int address, unsigned milliseconds);
+
+/* Status byte of answer frames to 0x40 commands (default 0x04, a status
+ * without events). */
+RACKSIM_API void RACKSIM_CALL rackSimSetAnswerStatus(int device, int address, unsigned char statusByte);
+
+/* ---- Faults ------------------------------------------------------------- */
+
+enum RackSimSlotFault {
+    RACKSIM_SLOT_OK = 0,
+    RACKSIM_NO_ACK = 1,          /* the slot stays silent: no acknowledge, no answer */
+    RACKSIM_ACK_LOST = 2,        /* no acknowledge, but the answer is sent */
+    RACKSIM_NO_ANSWER = 3,       /* acknowledge, then nothing */
+    RACKSIM_EMPTY_ANSWER = 4,    /* acknowledge, then an answer frame without data */
+    RACKSIM_GARBAGE = 5,         /* bytes that are no frame go on the line before the answer */
+    RACKSIM_TRUNCATED = 6,       /* the answer frame loses its last bytes */
+    RACKSIM_BAD_CHECKSUM = 7,    /* the answer frame carries a wrong checksum */
+    RACKSIM_OVERSIZED = 8        /* the answer is an extended frame of 1,600 data bytes */
+};
+
+/* Applies a fault to the next `frames` frames that the host sends to the
+ * slot (-1: until cleared with RACKSIM_SLOT_OK). */
+RACKSIM_API void RACKSIM_CALL rackSimSetSlotFault(int device, int address, int fault, int frames);
+
+enum RackSimDeviceFault {
+    RACKSIM_BYTE_AT_A_TIME = 1,  /* the queue reports and delivers one byte per poll */
+    RACKSIM_COALESCE = 2,        /* frames to the host are held back and delivered several in one read */
+    RACKSIM_WRITE_FAILS = 3,     /* FT_Write fails with FT_IO_ERROR and takes nothing */
+    RACKSIM_MASTER_SILENT_ENUMERATE = 4, /* the master never answers the enumerate frame */
+    RACKSIM_MASTER_SILENT_COLLECTED = 5  /* the master never answers the status-collected frame */
+};
+
+RACKSIM_API void RACKSIM_CALL rackSimSetDeviceFault(int device, int fault, int on);
+
+/* Puts raw bytes on the line towards the host, as if the rack had sent
+ * them: the way to deliver arbitrary, broken or unsolicited frames. */
+RACKSIM_API void RACKSIM_CALL rackSimInjectBytes(int device, const unsigned char* bytes, int length);
+
+/* ---- Wire realism ------------------------------------------------------- */
+
+/* On: bytes travel at 115,200 baud 8N1 (11,520 bytes/s) in each direction,
+ * and bytes to the host are held by the FTDI latency timer (up to 16 ms
+ * unless a 62-byte packet fills). Off (the default): bytes pass at once. */
+RACKSIM_API void RACKSIM_CALL rackSimSetWireRealism(int device, int on);
+
+/* ---- Observation -------------------------------------------------------- */
+
+/* The wire log: every FT_Write the host made to the device, in order, with
+ * its time in microseconds since the device was added. */
+RACKSIM_API int RACKSIM_CALL rackSimWireLogCount(int device);
+
+/* Copies entry `index` into `buffer` (at most `capacity` bytes) and
+ * returns its full length; -1 if there is no such entry. */
+RACKSIM_API int RACKSIM_CALL rackSimWireLogEntry(int device, int index, unsigned char* buffer, int capacity,
+                                                 long long* microseconds);
+
+/* Forgets the wire log and zeroes the counters of a device. */
+RACKSIM_API void RACKSIM_CALL rackSimClearWireLog(int device);
+
+enum RackSimCounter {
+    RACKSIM_FRAMES_FROM_HOST = 0,  /* whole frames the host wrote */
+    RACKSIM_FRAMES_TO_HOST = 1,    /* whole frames the rack put on the line */
+    RACKSIM_BYTES_FROM_HOST = 2,
+    RACKSIM_BYTES_TO_HOST = 3,     /* bytes the host has taken with FT_Read */
+    RACKSIM_OPENS = 4,
+    RACKSIM_WRITE_FAILURES = 5,
+    /* frames the host sent to a slot while another slot's frame had not yet
+       been answered by an acknowledge or a reply that reached the host: a
+       breach of the one-message-at-a-time rule of the bus */
+    RACKSIM_BUS_VIOLATIONS = 6,
+    RACKSIM_COMMANDS_ANSWERED = 7  /* 0x40 commands answered by a card */
+};
+
+RACKSIM_API long long RACKSIM_CALL rackSimCounter(int device, int counter);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TESSEL_RACK_SIM_H */

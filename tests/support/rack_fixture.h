@@ -1,0 +1,85 @@
+// Test fixture: the library in this process against the rack emulator,
+// with every pause and time-out of the library shortened by one factor.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diag/trace_log.h"
+#include "pcsc/registry.h"
+#include "pcsc/registry_testing.h"
+#include "platform/test_seam.h"
+#include "sim/rack_sim.h"
+
+namespace test_support {
+
+// Library time runs this many times faster than real time in tests.
+constexpr uint32_t kTimeScale = 20;
+
+// Polls `condition` until it holds or `limit` of real time has passed.
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds limit = std::chrono::milliseconds(20000))
+{
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+inline std::string readFile(const std::string& path)
+{
+    std::string text;
+    if (FILE* file = std::fopen(path.c_str(), "rb")) {
+        char chunk[4096];
+        size_t n;
+        while ((n = std::fread(chunk, 1, sizeof chunk, file)) > 0) text.append(chunk, n);
+        std::fclose(file);
+    }
+    return text;
+}
+
+// The texts of the log's entries with their stamps taken off, joined in
+// file order. Entries without a line end run on as in the file.
+std::string logTexts(const std::string& log);
+
+// An ATR that offers T=0 (TD1 = 0x00 announces T=0).
+inline std::vector<uint8_t> atrT0() { return {0x3B, 0x80, 0x00}; }
+// An ATR that offers T=1.
+inline std::vector<uint8_t> atrT1() { return {0x3B, 0x80, 0x01}; }
+
+class RackFixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Adds a "Smart Card Rack" device with `slots` populated slots from
+    // address 1 on; returns the device index.
+    int addRack(const std::string& serial, int slots);
+
+    // Puts a card with `atr` in a slot (before start-up: no event frame).
+    void insertCard(int device, int address, const std::vector<uint8_t>& atr);
+
+    // Runs the start-up (KickOff) and waits, in real time, until every
+    // rack that discovery will find is enumerated.
+    void startLibrary(size_t expectedRacks);
+
+    // The log file of this test, and its entry texts.
+    std::string log() const { return readFile(logPath_); }
+    std::string logText() const { return logTexts(log()); }
+    void clearLog();
+
+    // Every FT_Write the host made to a device, in order.
+    std::vector<std::vector<uint8_t>> wireLog(int device) const;
+
+    std::string logPath_;
+};
+
+}  // namespace test_support
