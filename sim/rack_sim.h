@@ -133,6 +133,13 @@ RACKSIM_API void RACKSIM_CALL rackSimSetWireRealism(int device, int on);
 
 /* ---- Observation -------------------------------------------------------- */
 
+/* The line settings the host made since it opened the device: the rate of
+ * FT_SetBaudRate and the word length, stop bits and parity of
+ * FT_SetDataCharacteristics; 0 for what it has not set. Returns 0, or -1
+ * for an unknown device. Null pointers are allowed. */
+RACKSIM_API int RACKSIM_CALL rackSimLineSettings(int device, unsigned* baudRate, int* wordLength, int* stopBits,
+                                                 int* parity);
+
 /* The wire log: every FT_Write the host made to the device, in order, with
  * its time in microseconds since the device was added. */
 RACKSIM_API int RACKSIM_CALL rackSimWireLogCount(int device);
@@ -156,7 +163,8 @@ enum RackSimCounter {
        been answered by an acknowledge or a reply that reached the host: a
        breach of the one-message-at-a-time rule of the bus */
     RACKSIM_BUS_VIOLATIONS = 6,
-    RACKSIM_COMMANDS_ANSWERED = 7  /* 0x40 commands answered by a card */
+    RACKSIM_COMMANDS_ANSWERED = 7, /* 0x40 commands answered by a card */
+    RACKSIM_BAD_FRAMES_FROM_HOST = 8 /* frames from the host with a wrong checksum, ignored */
 };
 
 RACKSIM_API long long RACKSIM_CALL rackSimCounter(int device, int counter);

@@ -1,0 +1,130 @@
+// One emulated FTDI device with a rack behind it: the master at address 0
+// and card slots at 1 to 240.
+//
+// The device does its work lazily: every call from the host or from the
+// control surface brings it up to the present with advance(), which takes
+// in the host's bytes as they arrive, lets the rack react to whole frames
+// and moves the rack's bytes along the line. A RackDevice has no lock of
+// its own; the registry serialises all calls.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sim/rack_bytes.h"
+#include "sim/rack_line.h"
+#include "sim/rack_sim.h"
+
+namespace racksim {
+
+constexpr int kSlotCount = 240;
+constexpr int kCounterCount = 9;
+
+struct WireLogEntry {
+    Bytes bytes;
+    long long microseconds;
+};
+
+struct Slot {
+    enum class Card { None, Mute, Present };
+    enum class Responder { Default, Echo, Fixed, Table };
+
+    uint8_t mapByte = 0;
+    Card card = Card::None;
+    Bytes atr;
+    Responder responder = Responder::Default;
+    Bytes fixedAnswer;
+    std::vector<std::pair<Bytes, Bytes>> table;
+    unsigned delayMs = 0;
+    uint8_t answerStatus = 0x04;
+    int fault = RACKSIM_SLOT_OK;
+    int faultFrames = 0;  // -1: until cleared
+
+    bool populated() const { return (mapByte & 0x0F) >= 1 && (mapByte & 0x0F) <= 3; }
+    Bytes answerTo(const Bytes& apdu) const;
+};
+
+class RackDevice {
+public:
+    RackDevice(std::string description, std::string serial, Nanos addedAt);
+
+    const std::string& description() const { return description_; }
+    const std::string& serial() const { return serial_; }
+    Nanos addedAt() const { return addedAt_; }
+
+    // Host side.
+    bool isOpen() const { return open_; }
+    void open(Nanos now);
+    void close();
+    // Returns false (and takes nothing) while writes are made to fail.
+    bool write(const uint8_t* bytes, size_t count, Nanos now);
+    size_t queued(Nanos now);
+    size_t read(uint8_t* out, size_t count, Nanos now);
+    void setLine(uint32_t baud) { baud_ = baud; }
+    void setCharacteristics(int wordLength, int stopBits, int parity);
+    void lineSettings(unsigned* baud, int* wordLength, int* stopBits, int* parity) const;
+
+    // Control side.
+    bool openFails = false;
+    Slot& slot(int address) { return slots_[address - 1]; }
+    void cardChanged(int address, Nanos now);  // sends the unsolicited status
+    void setDeviceFault(int fault, bool on);
+    void injectBytes(const uint8_t* bytes, size_t count, Nanos now);
+    void setWireRealism(bool on) { paced_ = on; }
+    const std::vector<WireLogEntry>& wireLog() const { return wireLog_; }
+    void clearWireLog();
+    long long counter(int which) const { return counters_[which]; }
+    void count(int which, long long by = 1) { counters_[which] += by; }
+
+    // Brings the device up to `now`.
+    void advance(Nanos now);
+
+private:
+    struct InByte {
+        uint8_t value;
+        Nanos arrivesAt;
+        Nanos writtenAt;
+    };
+
+    void hostFrame(const Bytes& frame, Nanos at, Nanos sentAt);
+    void masterFrame(uint8_t command, Nanos at);
+    void slotFrame(int address, uint8_t command, const Bytes& data, Nanos at);
+    Bytes statusFrame(int address) const;
+    void send(Nanos at, Bytes bytes, int source, bool wholeFrame, bool commandAnswer = false);
+    void delivered(int source, bool wholeFrame, Nanos now);
+
+    std::string description_;
+    std::string serial_;
+    Nanos addedAt_;
+    std::array<Slot, kSlotCount> slots_{};
+
+    bool open_ = false;
+    bool paced_ = false;
+    bool byteAtATime_ = false;
+    bool coalesce_ = false;
+    bool writeFails_ = false;
+    bool silentEnumerate_ = false;
+    bool silentCollected_ = false;
+    uint32_t baud_ = 0;
+    int wordLength_ = 0, stopBits_ = 0, parity_ = 0;
+
+    std::deque<InByte> inbound_;
+    Nanos inLineFreeAt_ = 0;
+    HostStreamParser parser_;
+    RackLine line_;
+
+    // The one-message-at-a-time rule: the slot whose frame was sent last,
+    // and whether a frame from it has reached the host since.
+    int busSlot_ = 0;
+    bool busAnswered_ = true;
+    Nanos busAnsweredAt_ = 0;
+
+    std::vector<WireLogEntry> wireLog_;
+    std::array<long long, kCounterCount> counters_{};
+};
+
+}  // namespace racksim
