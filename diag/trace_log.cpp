@@ -2,14 +2,15 @@
 
 #include "diag/text.h"
 #include "platform/clock.h"
+#include "platform/global_order.h"
 #include "platform/log_folder.h"
 
 #include <exception>
 #include <fstream>
 #include <mutex>
 
-std::string g_logPath;
-platform::ExclusiveLock g_logLock;
+CONSTRUCTED_BEFORE_STARTUP(204) std::string g_logPath;
+CONSTRUCTED_BEFORE_STARTUP(204) platform::ExclusiveLock g_logLock;
 
 // Both writers open the file in text mode, so that on Windows every "\n"
 // reaches the disk as CR LF. The run-time library's plain open shares the

@@ -110,7 +110,6 @@ private:
     // never held across a write to the device.
     platform::ExclusiveLock sendQueueGuard_;
     std::atomic<bool> stopRequested_{false};
-    // How long the device queue has held bytes that could not be read
-    // because the reassembly buffer was full (see receive.cpp).
-    int64_t fullSince_ = 0;
+    // The link is closed once, by close() at unload or by the stop path.
+    std::atomic<bool> linkClosed_{false};
 };

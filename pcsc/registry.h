@@ -19,3 +19,6 @@ extern const std::string g_vendorName;
 unsigned long discoveryThread(void* ignored);
 void discoverRacks();
 bool allRacksEnumerated();
+
+// Waits until no discovery thread runs (unload and the test seam).
+void waitForDiscoveryThreads();

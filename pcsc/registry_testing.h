@@ -9,7 +9,4 @@ namespace registry_testing {
 // card handles. No host thread may be inside the API meanwhile.
 void shutdownAllRacks();
 
-// Waits until no discovery thread runs.
-void waitForDiscovery();
-
 }  // namespace registry_testing

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 namespace platform::os {
 
@@ -13,7 +14,7 @@ int64_t wallClock100ns();      // 100-ns ticks of the wall clock
 int64_t calendarSeconds();
 void sleepMicroseconds(int64_t microseconds);
 void sleepMilliseconds(uint32_t milliseconds);
-bool localTime(int64_t calendarTime, struct tm* out);
+bool localTime(int64_t calendarTime, std::tm* out);
 void yieldProcessor();
 
 }  // namespace platform::os

@@ -65,7 +65,7 @@ int64_t calendarSeconds()
 
 size_t formatLocalTime(char* buffer, size_t capacity, const char* format, int64_t calendarTime)
 {
-    struct tm local {};
+    std::tm local{};
     if (!os::localTime(calendarTime, &local)) return 0;
     return std::strftime(buffer, capacity, format, &local);
 }

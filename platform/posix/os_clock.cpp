@@ -44,7 +44,7 @@ void sleepMicroseconds(int64_t microseconds)
 
 void sleepMilliseconds(uint32_t milliseconds) { sleepMicroseconds(static_cast<int64_t>(milliseconds) * 1000); }
 
-bool localTime(int64_t calendarTime, struct tm* out)
+bool localTime(int64_t calendarTime, std::tm* out)
 {
     time_t value = static_cast<time_t>(calendarTime);
     return localtime_r(&value, out) != nullptr;

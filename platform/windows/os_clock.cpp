@@ -48,7 +48,7 @@ void sleepMicroseconds(int64_t microseconds)
 
 void sleepMilliseconds(uint32_t milliseconds) { Sleep(milliseconds); }
 
-bool localTime(int64_t calendarTime, struct tm* out)
+bool localTime(int64_t calendarTime, std::tm* out)
 {
     time_t value = static_cast<time_t>(calendarTime);
     return localtime_s(out, &value) == 0;

@@ -57,10 +57,11 @@ void RackFixture::insertCard(int device, int address, const std::vector<uint8_t>
 void RackFixture::startLibrary(size_t expectedRacks)
 {
     KickOff();
-    registry_testing::waitForDiscovery();
+    waitForDiscoveryThreads();
     ASSERT_EQ(g_racks.size(), expectedRacks);
-    if (expectedRacks > 0)
+    if (expectedRacks > 0) {
         ASSERT_TRUE(waitUntil([] { return allRacksEnumerated(); })) << "racks not enumerated";
+    }
 }
 
 std::vector<std::vector<uint8_t>> RackFixture::wireLog(int device) const

@@ -1,0 +1,102 @@
+#include "link/rack.h"
+
+#include <mutex>
+
+#include "diag/text.h"
+#include "diag/trace_log.h"
+#include "platform/clock.h"
+#include "reader/reader.h"
+
+Rack::Rack(const char* serialNumber)
+{
+    serial = serialNumber ? serialNumber : "";
+    FT_STATUS status = open(serial.c_str());
+    if (status != FT_OK) throw static_cast<int32_t>(status);
+    workers[0].start([this] { statusLoop(); });
+    workers[1].start([this] { receiveLoop(); });
+    logWrite("Rack " + serial + " connected\n");
+    connected.store(1, std::memory_order_release);
+}
+
+Rack::~Rack()
+{
+    stopWorkers();
+    if (ftHandle != nullptr && !linkClosed_.exchange(true)) FT_Close(ftHandle);
+    for (size_t i = 0, n = readers.size(); i < n; ++i) delete readers[i];
+    readers.clear();
+}
+
+void Rack::stopWorkers()
+{
+    stopRequested_.store(true, std::memory_order_release);
+    workers[0].join();
+    workers[1].join();
+}
+
+void Rack::workerPause(uint32_t milliseconds)
+{
+    // Slices of the receive poll's length: long enough to cost nothing,
+    // short enough that the stop path never waits long.
+    constexpr uint32_t slice = 5;
+    while (milliseconds > 0 && !stopping()) {
+        uint32_t step = milliseconds < slice ? milliseconds : slice;
+        platform::pauseMs(step);
+        milliseconds -= step;
+    }
+}
+
+FT_STATUS Rack::open(const char* serialNumber)
+{
+    if (ftHandle != nullptr) return FT_OK;
+    FT_STATUS status = FT_OpenEx(const_cast<char*>(serialNumber), FT_OPEN_BY_SERIAL_NUMBER, &ftHandle);
+    if (status != FT_OK) {
+        ftHandle = nullptr;
+        logWrite("no rack found");
+        return status;
+    }
+    // Only the line settings: flow control, time-outs, the latency timer
+    // and the buffers stay as the device driver leaves them.
+    FT_SetBaudRate(ftHandle, 115200);
+    FT_SetDataCharacteristics(ftHandle, 8, 0, 0);
+    logWrite("connect\n");
+    return FT_OK;
+}
+
+FT_STATUS Rack::close()
+{
+    if (ftHandle == nullptr) return FT_OK;
+    logWrite("Disconnecting from card rack\n");
+    linkClosed_.store(true);
+    return FT_Close(ftHandle);
+}
+
+void Rack::reset()
+{
+    logWrite("reset\n");
+    {
+        std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
+        sendQueue.clear();
+    }
+    lockHolder.store(nullptr);
+    for (size_t i = 0, n = readers.size(); i < n; ++i) readers[i]->blocked.store(0, std::memory_order_release);
+    logWrite("ResettingRack: " + hexDump(RackFrame::resetFrame, 5) + "\n");
+    uint32_t written = 0;
+    FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::resetFrame), 5, &written);
+    platform::pauseMs(1500);
+}
+
+void Rack::startEnumeration()
+{
+    if (connected.load(std::memory_order_acquire) == 0) return;
+    logWrite("enum\n");
+    logWrite("StartingEnum: " + hexDump(RackFrame::enumerateFrame, 5) + "\n");
+    uint32_t written = 0;
+    FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::enumerateFrame), 5, &written);
+}
+
+void Rack::finishEnumeration()
+{
+    logWrite("c2\n");
+    uint32_t written = 0;
+    FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::statusCollectedFrame), 5, &written);
+}

@@ -1,0 +1,135 @@
+// The receive thread: polls the device every 5 ms, puts the byte stream
+// together in the reassembly buffer and hands every whole frame to
+// handleFrame. Only this thread reads from the link and touches rxMsg,
+// rxMsgLastIndexOf, expectedLength and lastRxTime.
+#include <cstring>
+
+#include "diag/text.h"
+#include "diag/trace_log.h"
+#include "link/rack.h"
+#include "platform/clock.h"
+
+namespace {
+
+constexpr uint32_t kPollMs = 5;
+constexpr int64_t kWatchdogMs = 1000;
+constexpr uint32_t kReadLimit = 1000;  // no read while this many bytes are held
+constexpr uint32_t kLargestRead = 512;
+constexpr uint32_t kScratchSize = 1024;
+
+}  // namespace
+
+void Rack::receiveLoop()
+{
+    lastRxTime = platform::wallClockMs();
+    uint32_t waiting = 0;
+    while (!stopping()) {
+        platform::pauseMs(kPollMs);
+        int64_t now = platform::wallClockMs();
+
+        bool quietTooLong = now - lastRxTime > kWatchdogMs && expectedLength != 0 && rxMsgLastIndexOf != 0 &&
+                            expectedLength != rxMsgLastIndexOf;
+        // Reading stops while 1,000 bytes or more are held, and nothing held
+        // is consumed before the frame at the head completes: a frame that
+        // has not completed by then never will, and bytes that keep coming
+        // would keep the quiet-link watchdog from ever firing. Such a frame
+        // is given up at once, the way the watchdog gives one up.
+        bool cannotComplete = rxMsgLastIndexOf >= kReadLimit && expectedLength > rxMsgLastIndexOf;
+        if (quietTooLong || cannotComplete) {
+            logWrite("messages confused, fixing\n");
+            rxMsg[0] = 0;
+            receiveBytes(0);
+            receiveBytes(0);
+        }
+
+        // A failed status call must not leave the loop acting on the count
+        // of an earlier poll, so the count starts from 0 on every poll.
+        waiting = 0;
+        FT_GetQueueStatus(ftHandle, &waiting);
+        if (waiting > 0) {
+            lastRxTime = now;
+            receiveBytes(waiting);
+        }
+    }
+}
+
+void Rack::receiveBytes(uint32_t waiting)
+{
+    if (rxMsgLastIndexOf < kReadLimit && waiting > 0) {
+        uint8_t chunk[kLargestRead] = {};
+        uint32_t wanted = waiting > kLargestRead ? kLargestRead : waiting;
+        uint32_t got = 0;
+        FT_Read(ftHandle, chunk, wanted, &got);
+        if (got > wanted) got = wanted;  // never trust a count beyond the request
+        std::memcpy(rxMsg + rxMsgLastIndexOf, chunk, got);
+        rxMsgLastIndexOf += got;
+        logWrite("Received " + decimalText(rxMsgLastIndexOf) + " bytes from rack " + serial + ": " +
+                 hexDump(rxMsg, static_cast<int32_t>(rxMsgLastIndexOf)) + "\n");
+    }
+
+    if (!(rxMsg[0] == RackFrame::sync && rxMsgLastIndexOf > 3)) {
+        if (rxMsg[0] != RackFrame::sync) {
+            // Sync search: drop bytes one at a time until a sync byte leads.
+            // What it brings to the head is parsed at the next call.
+            while (rxMsgLastIndexOf > 0 && rxMsg[0] != RackFrame::sync) {
+                std::memmove(rxMsg, rxMsg + 1, rxMsgLastIndexOf - 1);
+                --rxMsgLastIndexOf;
+                rxMsg[rxMsgLastIndexOf] = 0;
+            }
+        }
+        return;
+    }
+
+    expectedLength = receivedFrameSize(rxMsg);
+
+    if (rxMsgLastIndexOf == expectedLength) {
+        rxMsgLastIndexOf = 0;
+        handleFrame(rxMsg, expectedLength);
+        rxMsgLastIndexOf = 0;
+        std::memset(rxMsg, 0, sizeof rxMsg);
+        expectedLength = 0;
+        return;
+    }
+    if (rxMsgLastIndexOf < expectedLength) return;
+
+    receiveSeveralFrames();
+}
+
+// More bytes are held than the head frame needs: hand on every whole frame
+// in order, then keep what is left at the head of the buffer.
+void Rack::receiveSeveralFrames()
+{
+    logWrite("Greater Than Expected Message Length\n");
+    uint32_t offset = 0;
+    uint8_t scratch[kScratchSize];
+    do {
+        std::memset(scratch, 0, sizeof scratch);
+        if (rxMsg[offset] != RackFrame::sync) break;
+        uint32_t size = receivedFrameSize(rxMsg + offset);
+        if (rxMsgLastIndexOf - offset < size) {
+            logWrite("2ND MESSAGE NOT COMPLETE\n");
+            break;
+        }
+        if (size <= kScratchSize) {
+            std::memcpy(scratch, rxMsg + offset, size);
+            handleFrame(scratch, size);
+        } else {
+            // Too large for the scratch copy: handed on in place. The
+            // buffer belongs to this thread and holds still until
+            // handleFrame returns.
+            handleFrame(rxMsg + offset, size);
+        }
+        offset += size;
+        logWrite("MSGOFF: " + decimalText(offset) + ",rxMsgLastIndexOf: " + decimalText(rxMsgLastIndexOf) + "\n");
+    } while (offset != rxMsgLastIndexOf);
+
+    if (offset == rxMsgLastIndexOf) {
+        rxMsgLastIndexOf = 0;
+        std::memset(rxMsg, 0, sizeof rxMsg);
+        expectedLength = 0;
+        return;
+    }
+    logWrite("Should copy bytes back\n");
+    std::memmove(rxMsg, rxMsg + offset, rxMsgLastIndexOf - offset);
+    rxMsgLastIndexOf -= offset;
+}

@@ -1,0 +1,90 @@
+// The rack's status thread: takes every frame that lands in a reader's
+// incoming mailbox and keeps the reader's card state and ATR. While the
+// rack is not yet enumerated it also counts one status per reader and sends
+// the status-collected frame when all have answered.
+#include "diag/text.h"
+#include "diag/trace_log.h"
+#include "link/rack.h"
+#include "platform/clock.h"
+#include "reader/reader.h"
+
+namespace {
+
+constexpr uint32_t kPollMs = 5;
+
+enum : uint8_t {
+    kStatusNoCard = 1,
+    kStatusNoEvent2 = 2,
+    kStatusMute = 3,
+    kStatusNoEvent4 = 4,
+    kStatusCardData = 5,
+};
+
+}  // namespace
+
+void Rack::statusLoop()
+{
+    while (!stopping()) {
+        platform::pauseMs(kPollMs);
+        for (size_t i = 0, n = readers.size(); i < n; ++i) {
+            Reader* reader = readers[i];
+            if (reader->mailboxFull(false, false)) processReaderStatus(reader);
+        }
+    }
+}
+
+void Rack::processReaderStatus(Reader* reader)
+{
+    uint8_t frame[Mailbox::capacity] = {};
+    reader->readMailbox(false, frame);
+    uint8_t status = frameStatus(frame);
+    bool extended = frame[3] == RackFrame::extendedMarker;
+
+    unlockIfHeldBy(reader->address);
+
+    if (enumerated.load(std::memory_order_acquire) == 0) {
+        uint32_t count = statusCount.load(std::memory_order_relaxed) + 1;
+        statusCount.store(count, std::memory_order_release);
+        if (status == kStatusNoCard) {
+            logWrite(reader->name + " Reader without card found.\n");
+        } else {
+            logWrite(reader->name + ": Reader with card found.\n");
+            reader->cardInserted(Atr(frame + 4, frame[2]));
+        }
+        if (count == readers.size()) {
+            logWrite("SCR " + serial + ": Status collection complete, sending C2\n");
+            finishEnumeration();
+        }
+        return;
+    }
+
+    if (extended || status == kStatusCardData) {
+        if (reader->atrLength() == 0) {
+            logWrite(reader->name + ": New card found\n");
+            reader->cardInserted(Atr(frame + 4, frame[2]));
+        }
+        return;
+    }
+    switch (status) {
+    case kStatusNoCard:
+        logWrite(reader->name + ": Card removed\n");
+        reader->cardRemoved(false);
+        break;
+    case kStatusMute:
+        reader->cardRemoved(true);
+        break;
+    case kStatusNoEvent2:
+    case kStatusNoEvent4:
+        break;
+    default:
+        logWrite("bStatus invalid. " + decimalText(static_cast<int32_t>(status)) + "\n");
+        break;
+    }
+}
+
+uint32_t Rack::readerAtr(uint32_t cardHandle, uint8_t* destination)
+{
+    Reader* reader = readerByHandle(cardHandle);
+    if (reader == nullptr) return 0;
+    return reader->atr(destination);
+}

@@ -1,0 +1,124 @@
+#include "reader/reader.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "diag/text.h"
+#include "diag/trace_log.h"
+#include "link/rack_frame.h"
+#include "platform/clock.h"
+#include "platform/global_order.h"
+
+CONSTRUCTED_BEFORE_STARTUP(203) std::vector<uint32_t> g_cardHandles;
+CONSTRUCTED_BEFORE_STARTUP(203) platform::ExclusiveLock g_cardHandlesLock;
+
+Reader::Reader(uint32_t address, std::string serial)
+    : address(address), handle(newHandle()), name("Tessel " + serial + " R" + decimalText(address))
+{
+}
+
+void Reader::writeMailbox(bool toOutgoing, const uint8_t* data, uint32_t count)
+{
+    if (toOutgoing) {
+        hasSent_.store(0, std::memory_order_release);
+        // Room for the largest frame the host sends; a longer payload is cut
+        // rather than written past the buffer.
+        uint8_t work[RackFrame::largestOutgoing] = {};
+        if (count > RackFrame::largestOutgoing - 4) count = RackFrame::largestOutgoing - 4;
+        if (count == 0) return;
+        std::memcpy(work, data, count);
+        uint32_t size = wrapFrame(work, count, static_cast<uint8_t>(address));
+        outgoing.write(work, size);
+        return;
+    }
+    incoming.write(data, count);
+    // The status thread clears `unread` without a lock. If that clearing,
+    // at the end of its read of the previous frame, fell between the write
+    // and here, this frame would be lost to it: write it once more.
+    if (incoming.unread.load(std::memory_order_acquire) == 0) incoming.write(data, count);
+}
+
+uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination)
+{
+    return fromOutgoing ? outgoing.read(destination) : incoming.read(destination);
+}
+
+uint16_t Reader::mailboxFull(bool ofOutgoing, bool selectArrived) const
+{
+    if (ofOutgoing) return outgoing.flag(false);
+    return incoming.flag(selectArrived);
+}
+
+uint32_t Reader::wideName(std::wstring& out) const
+{
+    out.assign(name.begin(), name.end());
+    return 0;
+}
+
+uint32_t Reader::newHandle()
+{
+    // The uniqueness test and the append stay together under the lock, so
+    // two racks enumerating at once never draw the same handle. rand()
+    // yields at most 32,768 values against at most 240 slots a rack.
+    std::lock_guard<platform::ExclusiveLock> guard(g_cardHandlesLock);
+    for (;;) {
+        uint32_t candidate = ~static_cast<uint32_t>(std::rand() % 0x7FFFFFFF);
+        bool taken = false;
+        for (uint32_t existing : g_cardHandles)
+            if (existing == candidate) {
+                taken = true;
+                break;
+            }
+        if (!taken) {
+            g_cardHandles.push_back(candidate);
+            return candidate;
+        }
+    }
+}
+
+FT_STATUS Reader::send(FT_HANDLE device)
+{
+    uint8_t frame[Mailbox::capacity] = {};
+    uint32_t size = outgoing.read(frame);
+    // Nothing longer than the largest outgoing frame is ever handed to the
+    // device, whatever the mailbox says.
+    if (size > RackFrame::largestOutgoing) size = RackFrame::largestOutgoing;
+
+    int64_t before = platform::calendarSeconds();
+    uint32_t written = 0;
+    FT_STATUS status = FT_Write(device, frame, size, &written);
+    int64_t after = platform::calendarSeconds();
+
+    if (status != FT_OK) {
+        logWrite("FT_Write failed - " + decimalText(static_cast<uint32_t>(status)));
+        return status;
+    }
+    hasSent_.store(1, std::memory_order_release);
+    logWrite(name + " Tx - " + hexDump(frame, static_cast<int32_t>(size)) + ": " +
+             fixedText(static_cast<double>(after - before)) + "\n");
+    return status;
+}
+
+void Reader::cardInserted(Atr value)
+{
+    atr_.store(value);
+    cardState_.store(kStateCard, std::memory_order_release);
+    clearIncoming();
+}
+
+void Reader::cardRemoved(bool mute)
+{
+    atr_.store(Atr());
+    cardState_.store(mute ? kStateMuteCard : kStateNoCard, std::memory_order_release);
+    clearIncoming();
+}
+
+void Reader::takeTurn()
+{
+    uint32_t free = 0;
+    while (!turn_.compare_exchange_weak(free, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+        free = 0;
+        platform::pauseMs(1);
+    }
+}
