@@ -1,0 +1,165 @@
+// Bring-up of racks end to end: discovery, reset, enumeration, the readers
+// made from the slot map, status collection and the closing exchange, as
+// seen on the wire and in the log.
+#include <gtest/gtest.h>
+
+#include "reader/reader.h"
+#include "support/rack_fixture.h"
+
+namespace {
+
+using namespace test_support;
+using Bytes = std::vector<uint8_t>;
+
+Bytes statusRequest(uint8_t address)
+{
+    Bytes frame{0x55, address, 0x00, 0x00, 0x00};
+    frame[4] = static_cast<uint8_t>(0x100 - ((0x55 + address) & 0xFF));
+    return frame;
+}
+
+const Bytes kReset{0x55, 0x00, 0x00, 0xF0, 0xBB};
+const Bytes kEnumerate{0x55, 0x00, 0x00, 0xC1, 0xEA};
+const Bytes kCollected{0x55, 0x00, 0x00, 0xC2, 0xE9};
+
+class BringUp : public RackFixture {
+protected:
+    void expectWire(int device, int slots)
+    {
+        std::vector<Bytes> wire = wireLog(device);
+        ASSERT_EQ(wire.size(), static_cast<size_t>(slots) + 3);
+        EXPECT_EQ(wire[0], kReset);
+        EXPECT_EQ(wire[1], kEnumerate);
+        for (int a = 1; a <= slots; ++a) EXPECT_EQ(wire[static_cast<size_t>(a) + 1], statusRequest(static_cast<uint8_t>(a)));
+        EXPECT_EQ(wire.back(), kCollected);
+        EXPECT_EQ(rackSimCounter(device, RACKSIM_BUS_VIOLATIONS), 0);
+    }
+};
+
+class BringUpSizes : public BringUp, public ::testing::WithParamInterface<int> {};
+
+TEST_P(BringUpSizes, MakesOneReaderPerSlotInAddressOrderAndCollectsEveryStatus)
+{
+    const int slots = GetParam();
+    int device = addRack("A1B2C3", slots);
+    insertCard(device, 1, atrT1());
+    startLibrary(1);
+
+    Rack* rack = g_racks[0];
+    ASSERT_EQ(rack->readers.size(), static_cast<size_t>(slots));
+    for (int a = 1; a <= slots; ++a) {
+        Reader* reader = rack->readers[static_cast<size_t>(a) - 1];
+        EXPECT_EQ(reader->address, static_cast<uint32_t>(a));
+        EXPECT_EQ(reader->name, "Tessel A1B2C3 R" + std::to_string(a));
+        EXPECT_EQ(reader->cardState(), a == 1 ? kStateCard : kStateNoCard);
+        EXPECT_EQ(static_cast<int32_t>(reader->handle) < 0, true) << "handles read negative";
+    }
+    EXPECT_EQ(rack->readers[0]->atrLength(), 3u);
+    expectWire(device, slots);
+    EXPECT_EQ(rack->statusCount.load(), static_cast<uint32_t>(slots));
+
+    std::string text = logText();
+    const std::vector<std::string> inOrder = {
+        "QuorvaneTesselRack driver: 1.2.3\r\n",
+        "Found device with serial A1B2C3\n",
+        "connect\n",
+        "Rack A1B2C3 connected\n",
+        "reset\n",
+        "ResettingRack: 55 00 00 f0 bb \n",
+        "enum\n",
+        "StartingEnum: 55 00 00 c1 ea \n",
+        "Starting enumeration\n",
+        "SCR A1B2C3 Found " + std::to_string(slots) + " readers\n",
+        "Tessel A1B2C3 R1: Reader with card found.\n",
+        "SCR A1B2C3: Status collection complete, sending C2\n",
+        "c2\n",
+        "SRC A1B2C3: Enumeration complete.\n",
+    };
+    size_t at = 0;
+    for (const std::string& line : inOrder) {
+        size_t found = text.find(line, at);
+        ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line;
+        at = found + line.size();
+    }
+    if (slots >= 2) EXPECT_NE(text.find("Tessel A1B2C3 R2 Reader without card found.\n"), std::string::npos);
+    EXPECT_NE(text.find("Tessel A1B2C3 R1 Tx - 55 01 00 00 aa : 0.000000\n"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Slots, BringUpSizes, ::testing::Values(1, 3, 240));
+
+TEST_F(BringUp, TwoRacksFollowTheDeviceListOrderAndNamesAndHandlesDiffer)
+{
+    int first = addRack("ZZ9", 2);
+    int second = addRack("AA1", 2);
+    startLibrary(2);
+    EXPECT_EQ(g_racks[0]->serial, "ZZ9");
+    EXPECT_EQ(g_racks[1]->serial, "AA1");
+    EXPECT_EQ(g_racks[0]->readers[0]->name, "Tessel ZZ9 R1");
+    EXPECT_EQ(g_racks[1]->readers[0]->name, "Tessel AA1 R1");
+    EXPECT_NE(g_racks[0]->readers[0]->handle, g_racks[1]->readers[0]->handle);
+    EXPECT_EQ(g_cardHandles.size(), 4u);
+    expectWire(first, 2);
+    expectWire(second, 2);
+}
+
+TEST_F(BringUp, OtherDevicesAreSkippedAndOneThatFailsToOpenIsDropped)
+{
+    rackSimAddDevice("Smart Card Rack 2", "NOTME1");
+    rackSimAddDevice("smart card rack", "NOTME2");
+    int busy = addRack("BUSY", 2);
+    rackSimSetOpenFails(busy, 1);
+    int good = addRack("GOOD", 2);
+    startLibrary(1);
+
+    EXPECT_EQ(g_racks[0]->serial, "GOOD");
+    std::string text = logText();
+    EXPECT_EQ(text.find("NOTME"), std::string::npos) << "other devices are passed over without a trace";
+    EXPECT_NE(text.find("Found device with serial BUSY\nno rack found"), std::string::npos);
+    EXPECT_EQ(rackSimWireLogCount(busy), 0);
+    EXPECT_EQ(rackSimIsOpen(busy), 0);
+    expectWire(good, 2);
+}
+
+TEST_F(BringUp, NoDevicesAtAllLeavesAnEmptyRegistry)
+{
+    startLibrary(0);
+    EXPECT_FALSE(allRacksEnumerated()) << "an empty registry never counts as enumerated";
+    EXPECT_EQ(logText(), "QuorvaneTesselRack driver: 1.2.3\r\nNo racks found!");
+}
+
+TEST_F(BringUp, SlotMapBytesGiveAReaderOnlyForLowNibbleOneToThree)
+{
+    int device = rackSimAddDevice("Smart Card Rack", "MAP");
+    const std::pair<int, uint8_t> map[] = {{1, 0x01}, {2, 0x12}, {3, 0x23}, {4, 0x04}, {5, 0x15}, {6, 0x35},
+                                           {7, 0xF3}, {8, 0x00}, {240, 0x02}};
+    for (auto [address, byte] : map) rackSimSetSlotMapByte(device, address, byte);
+    startLibrary(1);
+    std::vector<uint32_t> addresses;
+    for (size_t i = 0; i < g_racks[0]->readers.size(); ++i) addresses.push_back(g_racks[0]->readers[i]->address);
+    EXPECT_EQ(addresses, (std::vector<uint32_t>{1, 2, 3, 7, 240}));
+}
+
+TEST_F(BringUp, MasterThatNeverAnswersTheClosingFrameLeavesTheRackUnenumerated)
+{
+    int device = addRack("MUTE", 2);
+    rackSimSetDeviceFault(device, RACKSIM_MASTER_SILENT_COLLECTED, 1);
+    KickOff();
+    waitForDiscoveryThreads();
+    ASSERT_EQ(g_racks.size(), 1u);
+    ASSERT_TRUE(waitUntil([&] { return wireLog(device).size() == 5; }));  // reset, enum, 2 requests, C2
+    EXPECT_EQ(wireLog(device).back(), kCollected);
+    EXPECT_FALSE(allRacksEnumerated());
+    EXPECT_EQ(g_racks[0]->readers.size(), 2u);
+}
+
+TEST_F(BringUp, CloseConnectionsClosesEveryLinkAndKeepsTheRacks)
+{
+    int device = addRack("CLOSE", 1);
+    startLibrary(1);
+    CloseConnections();
+    EXPECT_EQ(rackSimIsOpen(device), 0);
+    EXPECT_EQ(g_racks.size(), 1u);
+    EXPECT_NE(logText().find("Disconnecting from card rack\n"), std::string::npos);
+}
+
+}  // namespace
