@@ -1,0 +1,155 @@
+// Card status query: the reader's name, the card state, the protocol and
+// the ATR for a card handle, answered from what the reader holds in memory.
+// Each of the two outputs follows the published buffer rules on its own:
+// the caller's buffer, a null buffer for the length alone, or
+// SCARD_AUTOALLOCATE.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "diag/trace_log.h"
+#include "link/rack.h"
+#include "pcsc/lookups.h"
+#include "pcsc/winscard_api.h"
+#include "reader/atr.h"
+#include "reader/reader.h"
+
+namespace {
+
+template <typename Char>
+struct StatusForm;
+
+template <>
+struct StatusForm<char> {
+    static constexpr const char* entry = "SCardStatusA\n";
+    static constexpr bool tracesDetail = false;
+    static std::string nameOf(const Reader& reader) { return reader.name; }
+};
+
+template <>
+struct StatusForm<WCHAR> {
+    static constexpr const char* entry = "SCardStatusW\n";
+    static constexpr bool tracesDetail = true;
+    static std::wstring nameOf(const Reader& reader)
+    {
+        std::wstring wide;
+        reader.wideName(wide);
+        return wide;
+    }
+};
+
+void traceIf(bool traced, const char* text)
+{
+    if (traced) logWrite(text);
+}
+
+// The caller's buffer for one output, or one allocated for it under
+// SCARD_AUTOALLOCATE and handed over through the caller's pointer.
+// `size` is the caller's size on entry and becomes the data's size when
+// the library allocates. Returns 0, or the failure that ends the call.
+// Only the name step of the wide form traces these moments.
+template <typename Element>
+LONG takeBuffer(Element* given, DWORD& size, DWORD needed, Element*& buffer, bool traced)
+{
+    buffer = given;
+    if (size != SCARD_AUTOALLOCATE) return SCARD_S_SUCCESS;
+    traceIf(traced, "SCARD_AUTOALLOCATE\n");
+    size = needed;
+    if (given == nullptr) {
+        traceIf(traced, "SCARD_E_INVALID_PARAMETER\n");
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    // An empty ATR still gets a block of its own, so that a host always
+    // has something to hand back and malloc(0) is never taken for a
+    // failure.
+    buffer = static_cast<Element*>(std::malloc(std::max<DWORD>(needed, 1) * sizeof(Element)));
+    if (buffer == nullptr) {
+        traceIf(traced, "SCARD_E_NO_MEMORY\n");
+        return SCARD_E_NO_MEMORY;
+    }
+    *reinterpret_cast<Element**>(given) = buffer;
+    return SCARD_S_SUCCESS;
+}
+
+template <typename Char>
+LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, LPDWORD pdwState,
+                LPDWORD pdwProtocol, LPBYTE pbAtr, LPDWORD pcbAtrLen)
+{
+    logWrite(StatusForm<Char>::entry);
+    // The four integer outputs may be null: what would go through them is
+    // written to one scratch value and lost.
+    DWORD scratch = 0;
+    if (pdwState == nullptr) pdwState = &scratch;
+    if (pdwProtocol == nullptr) pdwProtocol = &scratch;
+    if (pcchReaderLen == nullptr) pcchReaderLen = &scratch;
+    if (pcbAtrLen == nullptr) pcbAtrLen = &scratch;
+    DWORD nameSize = *pcchReaderLen;
+    DWORD atrSize = *pcbAtrLen;
+
+    Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
+    Reader* reader = rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
+    if (reader == nullptr) {
+        traceIf(StatusForm<Char>::tracesDetail, "InvalidHandle\n");
+        return SCARD_E_INVALID_HANDLE;
+    }
+
+    // One name with its NUL, counted in characters in both forms.
+    const std::basic_string<Char> name = StatusForm<Char>::nameOf(*reader);
+    const DWORD nameLength = static_cast<DWORD>(name.size() + 1);
+    *pcchReaderLen = nameLength;
+    uint8_t atr[Atr::capacity] = {};
+    const DWORD atrLength = reader->atr(atr);
+    *pcbAtrLen = atrLength;
+
+    LONG result = SCARD_S_SUCCESS;
+    Char* nameBuffer = nullptr;
+    LONG failure = takeBuffer(mszReaderNames, nameSize, nameLength, nameBuffer, StatusForm<Char>::tracesDetail);
+    if (failure != SCARD_S_SUCCESS) return failure;
+    if (nameBuffer != nullptr) {
+        // A buffer too small for the name gets as much of it as fits with
+        // a closing NUL, so that it still holds a text; nothing goes behind
+        // its nameSize characters.
+        if (nameLength > nameSize) {
+            result = SCARD_E_INSUFFICIENT_BUFFER;
+            if (nameSize > 0) {
+                std::memcpy(nameBuffer, name.c_str(), (nameSize - 1) * sizeof(Char));
+                nameBuffer[nameSize - 1] = Char(0);
+            }
+        } else {
+            std::memcpy(nameBuffer, name.c_str(), nameLength * sizeof(Char));
+        }
+    }
+
+    BYTE* atrBuffer = nullptr;
+    failure = takeBuffer(pbAtr, atrSize, atrLength, atrBuffer, false);
+    if (failure != SCARD_S_SUCCESS) return failure;
+    if (atrBuffer != nullptr) {
+        // A short ATR buffer gets the ATR cut to its size.
+        if (atrLength > atrSize) result = SCARD_E_INSUFFICIENT_BUFFER;
+        std::memcpy(atrBuffer, atr, std::min(atrLength, atrSize));
+    }
+
+    // The reader's T number, as the API's protocol: anything but T=0
+    // counts as T=1, the 0xFFFFFFFF of a connect without a protocol too.
+    *pdwProtocol = reader->protocol() != 0 ? SCARD_PROTOCOL_T1 : SCARD_PROTOCOL_T0;
+    // The card state goes out unchanged, in this system's own values.
+    *pdwState = reader->cardState();
+    return result;
+}
+
+}  // namespace
+
+extern "C" TESSEL_EXPORT LONG WINAPI SCardStatusA(SCARDHANDLE hCard, LPSTR szReaderName, LPDWORD pcchReaderLen,
+                                                  LPDWORD pdwState, LPDWORD pdwProtocol, LPBYTE pbAtr,
+                                                  LPDWORD pcbAtrLen)
+{
+    return cardStatus<char>(hCard, szReaderName, pcchReaderLen, pdwState, pdwProtocol, pbAtr, pcbAtrLen);
+}
+
+extern "C" TESSEL_EXPORT LONG WINAPI SCardStatusW(SCARDHANDLE hCard, LPWSTR szReaderName, LPDWORD pcchReaderLen,
+                                                  LPDWORD pdwState, LPDWORD pdwProtocol, LPBYTE pbAtr,
+                                                  LPDWORD pcbAtrLen)
+{
+    return cardStatus<WCHAR>(hCard, szReaderName, pcchReaderLen, pdwState, pdwProtocol, pbAtr, pcbAtrLen);
+}

@@ -1,0 +1,228 @@
+// Card connections. There are no connection objects: a card handle belongs
+// to its reader for the reader's whole life, so connecting means checking
+// the card and the protocol, telling the slot which protocol to use and
+// waiting for its reply; disconnecting means, at most, sending the same
+// message again.
+#include <cstdint>
+#include <string>
+
+#include "diag/text.h"
+#include "diag/trace_log.h"
+#include "link/rack.h"
+#include "pcsc/lookups.h"
+#include "pcsc/winscard_api.h"
+#include "platform/clock.h"
+#include "reader/reader.h"
+
+namespace {
+
+// The slot gets this long to take up the protocol before the reply wait.
+constexpr uint32_t kSettlePauseMs = 1000;
+// Whole calendar seconds that a connect or disconnect waits for the reply.
+constexpr int64_t kReplyWaitSeconds = 17;
+// dwPreferredProtocols is compared with this as a plain number, not read as
+// a mask: above it the ATR chooses.
+constexpr DWORD kHighestRequestedProtocol = SCARD_PROTOCOL_T1;
+
+// Waits until a frame from the slot stands in its incoming mailbox, or the
+// limit has passed. The flag is not cleared before the message goes out, so
+// one that an earlier exchange left set ends the wait at once. Nobody looks
+// at how the wait ended.
+void waitForReaderReply(Reader* reader)
+{
+    const int64_t start = platform::calendarSeconds();
+    for (;;) {
+        if (reader->mailboxFull(false, true) != 0) return;
+        if (platform::calendarSeconds() - start >= kReplyWaitSeconds) return;
+        // A busy wait of up to 17 s: give the processor back between polls
+        // so that the rack's worker threads, which deliver the reply, run.
+        platform::yieldProcessor();
+    }
+}
+
+// The protocol choice of a connect. Returns false on a mismatch; otherwise
+// *pdwActiveProtocol holds the protocol to use. Up to T=1 the request is
+// tested against the ATR's protocols; above, the ATR's first protocol is
+// taken, which may be 0 for an ATR that names none.
+bool chooseProtocol(Rack* rack, Reader* reader, DWORD requested, LPDWORD pdwActiveProtocol)
+{
+    // Parsing the ATR refreshes the reader's protocol mask, which the test
+    // below reads; in the tested rows its result is not used.
+    const uint32_t offered = rack->supportedProtocols(reader);
+    if (requested > kHighestRequestedProtocol) {
+        *pdwActiveProtocol = offered;
+        return true;
+    }
+    return rack->supportsProtocol(reader, requested) != 0;
+}
+
+// Selects the protocol on the slot and waits for its reply, holding the
+// reader's turn so that the reply cannot go to another thread's exchange
+// with the same slot. The rack lock is freed afterwards in any case.
+void selectAndWait(Rack* rack, Reader* reader, DWORD activeProtocol)
+{
+    ReaderTurn turn(reader);
+    rack->connectCard(reader, activeProtocol);
+    waitForReaderReply(reader);
+    rack->unlockIfHeldBy(reader->address);
+}
+
+Reader* readerOfHandle(SCARDHANDLE hCard, Rack*& rack)
+{
+    rack = rackByCardHandle(static_cast<uint32_t>(hCard));
+    return rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
+}
+
+// What SCardDisconnect and SCardReconnect do with a disposition.
+enum class Disposition { leave, resend, refused };
+
+Disposition dispositionOf(DWORD value)
+{
+    if (value == SCARD_LEAVE_CARD) return Disposition::leave;
+    // Reset and unpower are the same here: the slot has no message for
+    // either but the protocol selection, sent again.
+    if (value == SCARD_RESET_CARD || value == SCARD_UNPOWER_CARD) return Disposition::resend;
+    return Disposition::refused;
+}
+
+}  // namespace
+
+void Rack::connectCard(Reader* reader, uint32_t activeProtocol)
+{
+    if (connected.load() == 0) return;
+    // The API numbers protocols T + 1; the reader keeps the T number. An
+    // active protocol of 0 leaves 0xFFFFFFFF, which the select message
+    // treats as T=0.
+    const uint32_t tNumber = activeProtocol - 1;
+    logWrite("Connecting with prot T" + decimalText(tNumber) + "\n");
+    reader->setProtocol(tNumber);
+    selectProtocol(reader);
+    platform::pauseMs(kSettlePauseMs);
+}
+
+// szReader, phCard and pdwActiveProtocol are the caller's to supply; a null
+// among them is refused after the entry trace instead of written through.
+extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareMode,
+                                                   DWORD dwPreferredProtocols, LPSCARDHANDLE phCard,
+                                                   LPDWORD pdwActiveProtocol)
+{
+    logWrite(std::string("SCardConnectA: ") + (szReader != nullptr ? szReader : "") + "\n");
+    if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
+    *pdwActiveProtocol = dwPreferredProtocols;
+
+    Reader* reader = nullptr;
+    Rack* rack = rackByReaderName(szReader);
+    if (rack != nullptr) {
+        logWrite("Got rack\n");
+        reader = rack->readerByName(szReader);
+        logWrite("Got reader\n");
+    }
+    if (reader == nullptr) {
+        logWrite("No Reader\n");
+        return SCARD_E_READER_UNAVAILABLE;
+    }
+    // A card without an ATR (a mute one, or none) cannot be connected.
+    if (reader->atrLength() == 0) {
+        logWrite("No card\n");
+        return SCARD_E_NO_SMARTCARD;
+    }
+
+    if (dwPreferredProtocols > kHighestRequestedProtocol)
+        logWrite("Protocol unspecified\n");
+    else
+        logWrite("Requested protocol is " + decimalText(static_cast<uint32_t>(dwPreferredProtocols)) + "\n");
+    if (!chooseProtocol(rack, reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
+
+    // Every connect to a slot gets the slot's one handle.
+    *phCard = reader->handle;
+    selectAndWait(rack, reader, *pdwActiveProtocol);
+    // A slot that does not reply is no failure: the wait ran out, the rack
+    // lock has been freed, and the host has its handle.
+    return SCARD_S_SUCCESS;
+}
+
+extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWSTR szReader, DWORD dwShareMode,
+                                                   DWORD dwPreferredProtocols, LPSCARDHANDLE phCard,
+                                                   LPDWORD pdwActiveProtocol)
+{
+    // The library's only wide trace.
+    logWriteWide(std::wstring(L"SCardConnectW: ") + (szReader != nullptr ? szReader : L"") + L"\n");
+    if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
+    *pdwActiveProtocol = dwPreferredProtocols;
+
+    Rack* rack = rackByReaderNameWide(szReader);
+    Reader* reader = rack != nullptr ? rack->readerByWideName(szReader) : nullptr;
+    if (reader == nullptr) return SCARD_E_READER_UNAVAILABLE;
+    if (reader->atrLength() == 0) return SCARD_E_NO_SMARTCARD;
+
+    // Unlike the narrow form, the handle is stored before the protocol
+    // choice, so the host holds it after a mismatch too.
+    *phCard = reader->handle;
+    logWrite("pref prot is " + decimalText(static_cast<uint32_t>(dwPreferredProtocols)) + "\n");
+    if (!chooseProtocol(rack, reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
+    logWrite("Connected\n");
+    logWrite("active is " + decimalText(static_cast<uint32_t>(*pdwActiveProtocol)) + "\n");
+
+    selectAndWait(rack, reader, *pdwActiveProtocol);
+    return SCARD_S_SUCCESS;
+}
+
+// The protocol is not negotiated anew: the slot is sent its stored
+// protocol again, and the call neither waits for the reply nor frees the
+// rack lock; the slot's next frame frees it.
+extern "C" TESSEL_EXPORT LONG WINAPI SCardReconnect(SCARDHANDLE hCard, DWORD dwShareMode, DWORD dwPreferredProtocols,
+                                                    DWORD dwInitialization, LPDWORD pdwActiveProtocol)
+{
+    logWrite("SCardReconnect: " + decimalText(static_cast<uint32_t>(dwInitialization)) + "\n");
+    switch (dispositionOf(dwInitialization)) {
+    case Disposition::leave:
+        logWrite("leave card\n");
+        return SCARD_S_SUCCESS;
+    case Disposition::refused:
+        return SCARD_E_INVALID_PARAMETER;
+    case Disposition::resend:
+        break;
+    }
+    Rack* rack = nullptr;
+    Reader* reader = readerOfHandle(hCard, rack);
+    if (reader == nullptr) {
+        logWrite("idx missing\n");
+        return SCARD_E_READER_UNAVAILABLE;
+    }
+    logWrite(reader->name + " reset\n");
+    ReaderTurn turn(reader);
+    rack->selectProtocol(reader);
+    platform::pauseMs(kSettlePauseMs);
+    return SCARD_S_SUCCESS;
+}
+
+extern "C" TESSEL_EXPORT LONG WINAPI SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition)
+{
+    logWrite("SCardDisconnect: " + decimalText(static_cast<uint32_t>(dwDisposition)) + ", handle: " +
+             decimalText(static_cast<int32_t>(hCard)) + "\n");
+    switch (dispositionOf(dwDisposition)) {
+    case Disposition::leave:
+        // Nothing to tell the rack, and the handle is not even looked at.
+        logWrite("leave card\n");
+        return SCARD_S_SUCCESS;
+    case Disposition::refused:
+        return SCARD_E_INVALID_PARAMETER;
+    case Disposition::resend:
+        break;
+    }
+    Rack* rack = nullptr;
+    Reader* reader = readerOfHandle(hCard, rack);
+    if (reader == nullptr) {
+        logWrite("idx missing\n");
+        return SCARD_E_READER_UNAVAILABLE;
+    }
+    logWrite(reader->name + " reset\n");
+    {
+        ReaderTurn turn(reader);
+        rack->selectProtocol(reader);
+        platform::pauseMs(kSettlePauseMs);
+        waitForReaderReply(reader);
+        rack->unlockIfHeldBy(reader->address);
+    }
+    return SCARD_S_SUCCESS;
+}

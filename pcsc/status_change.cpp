@@ -1,0 +1,150 @@
+// Status change: tells a host what is in its readers and lets it wait for a
+// card to arrive or leave. The call never talks to a rack. Each rack's
+// status thread keeps the card state and the ATR of its readers, and the
+// call reads those, pass after pass, against what the host says it knows.
+#include <cstring>
+#include <string>
+
+#include "diag/trace_log.h"
+#include "link/rack.h"
+#include "pcsc/lookups.h"
+#include "pcsc/winscard_api.h"
+#include "platform/clock.h"
+#include "reader/atr.h"
+#include "reader/reader.h"
+
+namespace {
+
+// An INFINITE wait is cut to one minute; a larger finite value is kept.
+constexpr uint32_t kInfiniteWaitMs = 60000;
+
+// What differs between the narrow and the wide form: the record type, the
+// lookups by name and the traces.
+template <typename Record>
+struct StatusChangeForm;
+
+template <>
+struct StatusChangeForm<SCARD_READERSTATEA> {
+    static constexpr const char* entry = "SCardGetStatusChangeA\n";
+    static constexpr bool tracesNames = true;
+
+    static Rack* rackOf(const char* name) { return rackByReaderName(name); }
+    static Reader* readerOf(Rack* rack, const char* name) { return rack->readerByName(name); }
+    static bool known(const char* name) { return rackByReaderName(name) != nullptr; }
+    static void traceName(const char* name) { logWrite(std::string(name) + "\n"); }
+};
+
+template <>
+struct StatusChangeForm<SCARD_READERSTATEW> {
+    static constexpr const char* entry = "SCardGetStatusChangeW\n";
+    static constexpr bool tracesNames = false;
+
+    static Rack* rackOf(const wchar_t* name) { return rackByReaderNameWide(name); }
+    static Reader* readerOf(Rack* rack, const wchar_t* name) { return rack->readerByWideName(name); }
+    static bool known(const wchar_t* name) { return rackByReaderNameWide(name) != nullptr; }
+    static void traceName(const wchar_t*) {}
+};
+
+// Fills one record from its reader's present state. Returns true if the
+// state differs from what the host said it knows (dwCurrentState).
+template <typename Record>
+bool refreshRecord(Record& record)
+{
+    using Form = StatusChangeForm<Record>;
+    // Readers are never removed, so a name checked at the start of the call
+    // still finds its reader; the test only guards against a torn-down
+    // library.
+    Rack* rack = Form::rackOf(record.szReader);
+    Reader* reader = rack != nullptr ? Form::readerOf(rack, record.szReader) : nullptr;
+    if (reader == nullptr) return false;
+
+    record.dwEventState = SCARD_STATE_CHANGED;
+    // The state is read first and the ATR after it. The ATR comes out as
+    // one whole value, never the bytes of one card with the length of
+    // another, even while the status thread stores a new one.
+    const uint32_t state = reader->cardState();
+    if ((state & kStateCard) != 0) {
+        const Atr atr = reader->atrValue();
+        std::memcpy(record.rgbAtr, atr.bytes, atr.length);
+        record.cbAtr = atr.length;
+    } else {
+        record.cbAtr = 0;
+    }
+
+    const DWORD known = record.dwCurrentState;
+    bool changed = false;
+    if ((state & kStateNoCard) != 0) {
+        record.dwEventState |= SCARD_STATE_EMPTY;
+        if ((known & SCARD_STATE_PRESENT) != 0) changed = true;
+    } else if ((state & kStateCard) != 0) {
+        record.dwEventState |= SCARD_STATE_PRESENT;
+        if ((known & SCARD_STATE_EMPTY) != 0) changed = true;
+        if ((state & 0x08) != 0) {
+            record.dwEventState |= SCARD_STATE_MUTE;
+            if ((known & SCARD_STATE_MUTE) != 0) changed = true;
+        }
+    }
+    if (known == SCARD_STATE_UNAWARE) changed = true;
+    return changed;
+}
+
+template <typename Record>
+LONG getStatusChange(DWORD dwTimeout, Record* records, DWORD count)
+{
+    using Form = StatusChangeForm<Record>;
+    logWrite(Form::entry);
+    if (records == nullptr && count > 0) return SCARD_E_INVALID_PARAMETER;
+    if (count == 0) return SCARD_S_SUCCESS;
+
+    DWORD watched = 0;
+    for (DWORD i = 0; i < count; ++i)
+        if ((records[i].dwCurrentState & SCARD_STATE_IGNORE) == 0) ++watched;
+    if (watched == 0) return SCARD_S_SUCCESS;
+
+    // Every name must belong to a reader, the ignored records' too. A null
+    // name is refused rather than read.
+    for (DWORD i = 0; i < count; ++i) {
+        if (records[i].szReader == nullptr) return SCARD_E_INVALID_PARAMETER;
+        if (Form::tracesNames) Form::traceName(records[i].szReader);
+        if (!Form::known(records[i].szReader)) {
+            if (Form::tracesNames) logWrite("Reader doesn't exist");
+            return SCARD_E_UNKNOWN_READER;
+        }
+    }
+
+    for (DWORD i = 0; i < count; ++i) records[i].dwEventState = 0;
+
+    // Milliseconds of the tick counter, taken as an unsigned difference so
+    // that the wait also ends across the counter's wrap.
+    const uint32_t limitMs = dwTimeout == INFINITE ? kInfiniteWaitMs : dwTimeout;
+    const uint32_t start = platform::tickCount();
+    for (;;) {
+        // A pass always runs to the last record, so that every record is
+        // fresh when the call returns.
+        bool changed = false;
+        for (DWORD i = 0; i < count; ++i) {
+            if ((records[i].dwCurrentState & SCARD_STATE_IGNORE) != 0) continue;
+            if (refreshRecord(records[i])) changed = true;
+        }
+        if (changed) return SCARD_S_SUCCESS;
+        if (platform::tickCount() - start >= limitMs) return SCARD_E_TIMEOUT;
+        // The passes poll memory without sleeping; giving the processor back
+        // between them keeps the rack's worker threads running on a machine
+        // with few processors, without stretching the wait.
+        platform::yieldProcessor();
+    }
+}
+
+}  // namespace
+
+extern "C" TESSEL_EXPORT LONG WINAPI SCardGetStatusChangeA(SCARDCONTEXT hContext, DWORD dwTimeout,
+                                                           LPSCARD_READERSTATEA rgReaderStates, DWORD cReaders)
+{
+    return getStatusChange(dwTimeout, rgReaderStates, cReaders);
+}
+
+extern "C" TESSEL_EXPORT LONG WINAPI SCardGetStatusChangeW(SCARDCONTEXT hContext, DWORD dwTimeout,
+                                                           LPSCARD_READERSTATEW rgReaderStates, DWORD cReaders)
+{
+    return getStatusChange(dwTimeout, rgReaderStates, cReaders);
+}
