@@ -83,3 +83,23 @@ protected:
 };
 
 }  // namespace test_support
+
+namespace test_support {
+
+// A frame from a slot as a rack sends it, with its checksum.
+inline std::vector<uint8_t> slotFrame(uint8_t address, uint8_t status, const std::vector<uint8_t>& data)
+{
+    std::vector<uint8_t> frame{0x55, address, static_cast<uint8_t>(data.size()), status};
+    frame.insert(frame.end(), data.begin(), data.end());
+    uint32_t sum = 0;
+    for (uint8_t b : frame) sum += b;
+    frame.push_back(static_cast<uint8_t>(0x100 - (sum & 0xFF)));
+    return frame;
+}
+
+inline void inject(int device, const std::vector<uint8_t>& bytes)
+{
+    rackSimInjectBytes(device, bytes.data(), static_cast<int>(bytes.size()));
+}
+
+}  // namespace test_support
