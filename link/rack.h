@@ -54,6 +54,8 @@ public:
     void unlock();
     bool unlockIfHeldBy(uint32_t address);
     bool isLocked() const { return lockHolder.load() != nullptr; }
+    // Turns waiting in the send queue, read under the queue's guard.
+    size_t queuedTurns();
     void selectProtocol(Reader* reader);
     void requestStatus(Reader* reader);
     void forwardToReader(Reader* reader, const uint8_t* bytes, uint32_t count, Direction direction);

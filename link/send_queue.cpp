@@ -19,10 +19,12 @@ void Rack::enqueue(Reader* reader)
     if (lockHolder.load() == nullptr) trySendNext();
 }
 
-bool Rack::sendQueueEmpty()
+bool Rack::sendQueueEmpty() { return queuedTurns() == 0; }
+
+size_t Rack::queuedTurns()
 {
     std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
-    return sendQueue.empty();
+    return sendQueue.size();
 }
 
 void Rack::trySendNext()
