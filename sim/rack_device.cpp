@@ -119,7 +119,7 @@ void RackDevice::lineSettings(unsigned* baud, int* wordLength, int* stopBits, in
 void RackDevice::cardChanged(int address, Nanos now)
 {
     advance(now);
-    if (open_ && slot(address).populated()) send(now, statusFrame(address), address, true);
+    if (open_ && slot(address).answers()) send(now, statusFrame(address), address, true);
     advance(now);
 }
 
@@ -156,7 +156,9 @@ void RackDevice::advance(Nanos now)
     for (;;) {
         Nanos inAt = inbound_.empty() ? kNever : inbound_.front().arrivesAt;
         Nanos outAt = line_.nextScheduled();
-        if (inAt <= outAt) {
+        // At equal moments the rack's due bytes go first: it answers a
+        // frame before it takes in the next one.
+        if (inAt < outAt) {
             if (inAt > now) break;
             InByte b = inbound_.front();
             inbound_.pop_front();
@@ -230,7 +232,7 @@ Bytes RackDevice::statusFrame(int address) const
 void RackDevice::slotFrame(int address, uint8_t command, const Bytes& data, Nanos at)
 {
     Slot& s = slot(address);
-    if (!s.populated()) return;
+    if (!s.answers()) return;
 
     int fault = RACKSIM_SLOT_OK;
     if (s.faultFrames != 0) {

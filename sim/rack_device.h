@@ -44,7 +44,10 @@ struct Slot {
     int fault = RACKSIM_SLOT_OK;
     int faultFrames = 0;  // -1: until cleared
 
+    int answerMode = -1;  // 1 answers, 0 silent, -1 as the map byte says
+
     bool populated() const { return (mapByte & 0x0F) >= 1 && (mapByte & 0x0F) <= 3; }
+    bool answers() const { return answerMode < 0 ? populated() : answerMode != 0; }
     Bytes answerTo(const Bytes& apdu) const;
 };
 

@@ -56,6 +56,11 @@ RACKSIM_API int RACKSIM_CALL rackSimIsOpen(int device);
  * whose byte is populated answers frames; others stay silent. */
 RACKSIM_API void RACKSIM_CALL rackSimSetSlotMapByte(int device, int address, unsigned char mapByte);
 
+/* Whether the slot answers frames, whatever its map byte says: 1 it
+ * answers, 0 it stays silent, -1 (the default) as the map byte says. The
+ * map byte itself is reported unchanged. */
+RACKSIM_API void RACKSIM_CALL rackSimSetSlotAnswers(int device, int address, int answers);
+
 /* Populates `count` slots from `firstAddress` on (map byte 0x01), empty. */
 RACKSIM_API void RACKSIM_CALL rackSimAddSlots(int device, int firstAddress, int count);
 

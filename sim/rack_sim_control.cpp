@@ -84,6 +84,11 @@ void RACKSIM_CALL rackSimSetSlotMapByte(int device, int address, unsigned char m
     withSlot(device, address, [&](RackDevice&, Slot& s, racksim::Nanos) { s.mapByte = mapByte; });
 }
 
+void RACKSIM_CALL rackSimSetSlotAnswers(int device, int address, int answers)
+{
+    withSlot(device, address, [&](RackDevice&, Slot& s, racksim::Nanos) { s.answerMode = answers < 0 ? -1 : answers != 0; });
+}
+
 void RACKSIM_CALL rackSimAddSlots(int device, int firstAddress, int count)
 {
     withDevice(device, [&](RackDevice& d, racksim::Nanos) {

@@ -1,0 +1,156 @@
+// Faults on demand: per slot for a number of frames, and per device.
+#include "sim_host.h"
+
+using namespace simtest;
+
+namespace {
+
+const Bytes kAck{0x55, 0x01, 0x00, 0x06, 0xA4};
+const Bytes kAnswer{0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14};
+
+class SimFaults : public SimTest {
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        rack = openRack("TR000001", 2);
+        const uint8_t atr[] = {0x3B, 0x00};
+        rackSimInsertCard(rack, 1, atr, 2);
+        readNow();
+    }
+    Bytes command() { return exchange(hostFrame(1, 0x40, {0x00, 0x84})); }
+    Bytes answerFor(int fault)
+    {
+        rackSimSetSlotFault(rack, 1, fault, 1);
+        return command();
+    }
+
+    int rack = -1;
+};
+
+TEST_F(SimFaults, EachSlotFaultShapesTheReplyToOneFrame)
+{
+    EXPECT_EQ(answerFor(RACKSIM_NO_ACK), Bytes{});
+    EXPECT_EQ(answerFor(RACKSIM_ACK_LOST), kAnswer);
+    EXPECT_EQ(answerFor(RACKSIM_NO_ANSWER), kAck);
+    EXPECT_EQ(answerFor(RACKSIM_EMPTY_ANSWER), concat({kAck, {0x55, 0x01, 0x00, 0x04, 0xA6}}));
+    EXPECT_EQ(answerFor(RACKSIM_GARBAGE), concat({kAck, {0xFE, 0x00, 0x13, 0xAA, 0x7F}, kAnswer}));
+    EXPECT_EQ(answerFor(RACKSIM_TRUNCATED), concat({kAck, {0x55, 0x01, 0x02, 0x04, 0x90}}));
+    EXPECT_EQ(answerFor(RACKSIM_BAD_CHECKSUM), concat({kAck, {0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x15}}));
+    // Each fault was for one frame only.
+    EXPECT_EQ(command(), concat({kAck, kAnswer}));
+}
+
+TEST_F(SimFaults, OversizedAnswerIsAnExtendedFrameOf1600DataBytes)
+{
+    Bytes got = answerFor(RACKSIM_OVERSIZED);
+    ASSERT_EQ(got.size(), 5u + 1606u);
+    EXPECT_EQ(Bytes(got.begin(), got.begin() + 5), kAck);
+    Bytes frame(got.begin() + 5, got.end());
+    EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 5), (Bytes{0x55, 0x01, 0x40, 0x0D, 0x06}));
+    EXPECT_TRUE(sumsToZero(frame));
+}
+
+TEST_F(SimFaults, FaultsLastTheirFrameCountOrUntilCleared)
+{
+    rackSimSetSlotFault(rack, 1, RACKSIM_NO_ACK, 2);
+    EXPECT_EQ(command(), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(1, 0x00)), Bytes{});  // a status request counts too
+    EXPECT_EQ(command(), concat({kAck, kAnswer}));
+
+    rackSimSetSlotFault(rack, 1, RACKSIM_NO_ANSWER, -1);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(command(), kAck);
+    // Frames to another slot don't use it up, and events are not affected.
+    EXPECT_EQ(exchange(hostFrame(2, 0x00)), (Bytes{0x55, 0x02, 0x00, 0x06, 0xA3, 0x55, 0x02, 0x00, 0x01, 0xA8}));
+    rackSimRemoveCard(rack, 1);
+    EXPECT_EQ(readNow(), (Bytes{0x55, 0x01, 0x00, 0x01, 0xA9}));
+    EXPECT_EQ(exchange(hostFrame(1, 0x00)), kAck);
+
+    rackSimSetSlotFault(rack, 1, RACKSIM_SLOT_OK, 0);
+    EXPECT_EQ(exchange(hostFrame(1, 0x00)), concat({kAck, {0x55, 0x01, 0x00, 0x01, 0xA9}}));
+}
+
+TEST_F(SimFaults, TruncatedAndGarbageBytesAreNoFramesAndEndNoExchange)
+{
+    answerFor(RACKSIM_TRUNCATED);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_TO_HOST), 2);  // event and acknowledge
+    answerFor(RACKSIM_GARBAGE);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_TO_HOST), 4);
+    EXPECT_EQ(readNow(), Bytes{});
+}
+
+TEST_F(SimFaults, ByteAtATimeDeliversOneBytePerCall)
+{
+    rackSimSetDeviceFault(rack, RACKSIM_BYTE_AT_A_TIME, 1);
+    write(hostFrame(1, 0x40, {0x00, 0x84}));
+    Bytes all;
+    for (int i = 0; i < 12; ++i) {
+        EXPECT_EQ(queued(), 1u);
+        Bytes one = readNow();
+        ASSERT_EQ(one.size(), 1u);
+        all.push_back(one[0]);
+    }
+    EXPECT_EQ(queued(), 0u);
+    EXPECT_EQ(all, concat({kAck, kAnswer}));
+
+    rackSimSetDeviceFault(rack, RACKSIM_BYTE_AT_A_TIME, 0);
+    EXPECT_EQ(command(), concat({kAck, kAnswer}));
+}
+
+TEST_F(SimFaults, CoalesceHoldsALoneFrameAndHandsOverSeveralInOneRead)
+{
+    rackSimSetDeviceFault(rack, RACKSIM_COALESCE, 1);
+    auto start = Clock::now();
+    rackSimRemoveCard(rack, 2);
+    // A lone frame waits for company or for the limit, then comes anyway.
+    EXPECT_EQ(readBytes(5), (Bytes{0x55, 0x02, 0x00, 0x01, 0xA8}));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(50));
+
+    rackSimRemoveCard(rack, 2);
+    rackSimMuteCard(rack, 2);
+    EXPECT_EQ(readNow(), (Bytes{0x55, 0x02, 0x00, 0x01, 0xA8, 0x55, 0x02, 0x00, 0x03, 0xA6}));
+    EXPECT_EQ(command(), concat({kAck, kAnswer}));
+}
+
+TEST_F(SimFaults, FailingWritesTakeNothing)
+{
+    rackSimSetDeviceFault(rack, RACKSIM_WRITE_FAILS, 1);
+    Bytes frame = hostFrame(1, 0x00);
+    uint32_t written = 99;
+    EXPECT_EQ(FT_Write(handle, frame.data(), static_cast<uint32_t>(frame.size()), &written), FT_IO_ERROR);
+    EXPECT_EQ(written, 0u);
+    EXPECT_EQ(FT_Write(handle, frame.data(), static_cast<uint32_t>(frame.size()), &written), FT_IO_ERROR);
+    EXPECT_EQ(readNow(), Bytes{});
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_WRITE_FAILURES), 2);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_FROM_HOST), 0);
+    EXPECT_EQ(rackSimWireLogCount(rack), 0);
+
+    rackSimSetDeviceFault(rack, RACKSIM_WRITE_FAILS, 0);
+    EXPECT_EQ(exchange(frame), concat({kAck, {0x55, 0x01, 0x02, 0x05, 0x3B, 0x00, 0x68}}));
+}
+
+TEST_F(SimFaults, SilentMasterSkipsOnlyTheChosenReply)
+{
+    Bytes enumerate{0x55, 0x00, 0x00, 0xC1, 0xEA};
+    Bytes collected{0x55, 0x00, 0x00, 0xC2, 0xE9};
+    rackSimSetDeviceFault(rack, RACKSIM_MASTER_SILENT_ENUMERATE, 1);
+    EXPECT_EQ(exchange(enumerate), Bytes{});
+    EXPECT_EQ(exchange(collected), collected);
+
+    rackSimSetDeviceFault(rack, RACKSIM_MASTER_SILENT_ENUMERATE, 0);
+    rackSimSetDeviceFault(rack, RACKSIM_MASTER_SILENT_COLLECTED, 1);
+    EXPECT_EQ(exchange(collected), Bytes{});
+    EXPECT_EQ(exchange(enumerate).size(), 245u);
+}
+
+TEST_F(SimFaults, InjectedBytesReachTheHostUnchangedAndUncounted)
+{
+    rackSimInjectBytes(rack, nullptr, 3);
+    Bytes raw{0x55, 0x07, 0x00, 0x2D, 0x00, 0x55};
+    rackSimInjectBytes(rack, raw.data(), static_cast<int>(raw.size()));
+    EXPECT_EQ(readNow(), raw);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_TO_HOST), 1);  // the event of SetUp
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_TO_HOST), 7 + 6);
+}
+
+}  // namespace

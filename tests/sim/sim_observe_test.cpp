@@ -1,0 +1,234 @@
+// What the emulator shows of the host: wire log, counters, the bus rule,
+// and its behaviour under several host threads at once.
+#include "sim_host.h"
+
+#include <atomic>
+#include <map>
+
+using namespace simtest;
+
+namespace {
+
+class SimObserve : public SimTest {
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        rack = openRack("TR000001", 4);
+    }
+    int rack = -1;
+};
+
+TEST_F(SimObserve, WireLogKeepsEveryWriteInOrderWithItsTime)
+{
+    Bytes first = hostFrame(1, 0x00);
+    write(first);
+    write({0x55});
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    write({0x02, 0x00, 0x00, 0xA9});
+
+    ASSERT_EQ(rackSimWireLogCount(rack), 3);
+    EXPECT_EQ(wireLog(rack), (std::vector<Bytes>{first, {0x55}, {0x02, 0x00, 0x00, 0xA9}}));
+
+    long long t0 = -1, t1 = -1, t2 = -1;
+    uint8_t small[2] = {0, 0};
+    EXPECT_EQ(rackSimWireLogEntry(rack, 0, small, 2, &t0), 5);  // full length, two bytes copied
+    EXPECT_EQ(small[0], 0x55);
+    EXPECT_EQ(small[1], 0x01);
+    rackSimWireLogEntry(rack, 1, nullptr, 0, &t1);
+    rackSimWireLogEntry(rack, 2, nullptr, 0, &t2);
+    EXPECT_GE(t0, 0);
+    EXPECT_LE(t0, t1);
+    EXPECT_GE(t2 - t1, 20000);
+    EXPECT_EQ(rackSimWireLogEntry(rack, 3, small, 2, &t0), -1);
+    EXPECT_EQ(rackSimWireLogEntry(rack, -1, small, 2, &t0), -1);
+
+    rackSimClearWireLog(rack);
+    EXPECT_EQ(rackSimWireLogCount(rack), 0);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), 0);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_OPENS), 0);
+}
+
+TEST_F(SimObserve, CountersFollowFramesAndBytesBothWays)
+{
+    const uint8_t atr[] = {0x3B, 0x00};
+    rackSimInsertCard(rack, 1, atr, 2);  // 7 bytes, not yet taken
+    write(concat({hostFrame(1, 0x40, {0x00, 0x84}), hostFrame(2, 0x00), hostFrame(0, 0xF0)}));
+
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), 3);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_FROM_HOST), 7 + 5 + 5);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_TO_HOST), 5);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), 1);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_TO_HOST), 0);
+
+    Bytes part(10);
+    uint32_t n = 0;
+    FT_Read(handle, part.data(), 10, &n);
+    EXPECT_EQ(n, 10u);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_TO_HOST), 10);
+    EXPECT_EQ(readNow().size(), 7u + 5 + 7 + 5 + 5 - 10);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_TO_HOST), 29);
+    EXPECT_EQ(rackSimCounter(rack, 9), -1);
+    EXPECT_EQ(rackSimCounter(rack, -1), -1);
+}
+
+TEST_F(SimObserve, BusViolationIsAFrameToAnotherSlotBeforeTheFirstWasAnswered)
+{
+    write(hostFrame(1, 0x00));
+    write(hostFrame(1, 0x00));  // the same slot again: no breach
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BUS_VIOLATIONS), 0);
+    write(hostFrame(2, 0x00));  // slot 1's answers not yet read
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BUS_VIOLATIONS), 1);
+
+    readNow();
+    write(hostFrame(3, 0x00));
+    EXPECT_EQ(readBytes(5), (Bytes{0x55, 0x03, 0x00, 0x06, 0xA2}));  // the acknowledge is enough
+    write(hostFrame(4, 0x00));
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BUS_VIOLATIONS), 1);
+
+    // A frame to the master or a reset ends the tracking.
+    readNow();
+    write(hostFrame(1, 0x00));
+    write(hostFrame(0, 0xC2));
+    write(hostFrame(2, 0x00));
+    write(hostFrame(0, 0xF0));
+    write(hostFrame(3, 0x00));
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BUS_VIOLATIONS), 1);
+
+    // A silent slot leaves its frame unanswered for good.
+    readNow();
+    rackSimSetSlotFault(rack, 1, RACKSIM_NO_ACK, 1);
+    write(hostFrame(1, 0x00));
+    readNow();
+    write(hostFrame(2, 0x00));
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BUS_VIOLATIONS), 2);
+}
+
+TEST_F(SimObserve, ManyWritersAndOneReaderLoseNothing)
+{
+    constexpr int kWriters = 4;
+    constexpr int kFramesEach = 150;
+    for (int a = 1; a <= kWriters; ++a) {
+        const uint8_t atr[] = {0x3B, 0x00};
+        rackSimInsertCard(rack, a, atr, 2);
+        rackSimSetEcho(rack, a);
+    }
+    readNow();
+    rackSimClearWireLog(rack);
+
+    // Every command is 4 bytes (00 CA hi lo) and comes back as a 5-byte
+    // acknowledge and a 9-byte answer.
+    const size_t expected = static_cast<size_t>(kWriters) * kFramesEach * (5 + 9);
+    std::map<int, int> acks, answers;
+    std::map<int, int> nextNumber;
+    std::atomic<bool> orderKept{true};
+    std::thread reader([&] {
+        Bytes stream;
+        size_t total = 0;
+        auto deadline = Clock::now() + std::chrono::seconds(30);
+        while (total < expected && Clock::now() < deadline) {
+            uint32_t waiting = 0;
+            FT_GetQueueStatus(handle, &waiting);
+            if (waiting == 0) {
+                std::this_thread::yield();
+                continue;
+            }
+            Bytes part(waiting);
+            uint32_t n = 0;
+            FT_Read(handle, part.data(), waiting, &n);
+            total += n;
+            stream.insert(stream.end(), part.begin(), part.begin() + n);
+        }
+        for (size_t i = 0; i + 4 < stream.size();) {
+            size_t size = stream[i + 2] + 5u;
+            if (stream[i] != 0x55 || i + size > stream.size()) break;
+            Bytes frame(stream.begin() + i, stream.begin() + i + size);
+            int address = frame[1];
+            if (!sumsToZero(frame)) orderKept = false;
+            if (frame[3] == 0x06) ++acks[address];
+            if (frame[3] == 0x04) {
+                ++answers[address];
+                int number = frame[6] << 8 | frame[7];
+                if (number != nextNumber[address]++) orderKept = false;
+            }
+            i += size;
+        }
+    });
+
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kWriters; ++w)
+        writers.emplace_back([&, w] {
+            for (int k = 0; k < kFramesEach; ++k) {
+                Bytes frame = hostFrame(static_cast<uint8_t>(w + 1), 0x40,
+                                        {0x00, 0xCA, static_cast<uint8_t>(k >> 8), static_cast<uint8_t>(k)});
+                uint32_t written = 0;
+                FT_Write(handle, frame.data(), static_cast<uint32_t>(frame.size()), &written);
+                if (k % 16 == 0) rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST);  // a test thread looking on
+            }
+        });
+    for (auto& t : writers) t.join();
+    reader.join();
+
+    EXPECT_TRUE(orderKept);
+    for (int a = 1; a <= kWriters; ++a) {
+        EXPECT_EQ(acks[a], kFramesEach) << "slot " << a;
+        EXPECT_EQ(answers[a], kFramesEach) << "slot " << a;
+    }
+    EXPECT_EQ(rackSimWireLogCount(rack), kWriters * kFramesEach);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), kWriters * kFramesEach);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), kWriters * kFramesEach);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_FROM_HOST), kWriters * kFramesEach * 9);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BYTES_TO_HOST), static_cast<long long>(expected));
+}
+
+// ---- Wire realism ---------------------------------------------------------
+// Only lower bounds on time are checked here: the rack can never be faster
+// than the line, however slow the machine. The rate itself is measured by
+// the pacing benchmark.
+
+TEST_F(SimObserve, PacedBytesNeverOutrunTheLine)
+{
+    rackSimSetWireRealism(rack, 1);
+    Bytes block(2304);  // 0.2 s of line time
+    for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<uint8_t>(i);
+    auto start = Clock::now();
+    rackSimInjectBytes(rack, block.data(), static_cast<int>(block.size()));
+
+    Bytes got;
+    auto deadline = start + std::chrono::seconds(10);
+    while (got.size() < block.size() && Clock::now() < deadline) {
+        Bytes part = readNow();
+        double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        got.insert(got.end(), part.begin(), part.end());
+        ASSERT_LE(static_cast<double>(got.size()), seconds * 11520.0 + 1.0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_EQ(got, block);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(199));
+}
+
+TEST_F(SimObserve, LatencyTimerHoldsAShortFrame)
+{
+    rackSimSetWireRealism(rack, 1);
+    auto start = Clock::now();
+    rackSimRemoveCard(rack, 1);
+    EXPECT_EQ(readBytes(5), (Bytes{0x55, 0x01, 0x00, 0x01, 0xA9}));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(16));
+}
+
+TEST_F(SimObserve, PacedHostFrameReachesTheRackOnlyAfterItsWireTime)
+{
+    rackSimSetWireRealism(rack, 1);
+    Bytes apdu(255, 0x00);
+    Bytes frame = hostFrame(1, 0x40, apdu);  // 260 bytes: 22.6 ms on the line
+    auto start = Clock::now();
+    write(frame);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), 0);
+    EXPECT_EQ(readBytes(10), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x00, 0x01, 0xA9}));
+    // 22.6 ms out, and the latency timer on the way back.
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(38));
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), 1);
+    EXPECT_EQ(rackSimWireLogCount(rack), 1);
+}
+
+}  // namespace

@@ -1,0 +1,287 @@
+// The rack's answers at the byte level: master, slots, card commands,
+// responders, card events and the host's byte stream.
+#include "sim_host.h"
+
+using namespace simtest;
+
+namespace {
+
+const Bytes kAtr{0x3B, 0x00};
+
+class SimRack : public SimTest {
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        rack = openRack("TR000001", 4);
+    }
+    // Puts a card in and takes the event frame it causes off the line.
+    void insert(int address, const Bytes& atr)
+    {
+        rackSimInsertCard(rack, address, atr.data(), static_cast<int>(atr.size()));
+        readNow();
+    }
+    void mute(int address)
+    {
+        rackSimMuteCard(rack, address);
+        readNow();
+    }
+    Bytes command(uint8_t address, const Bytes& apdu) { return exchange(hostFrame(address, 0x40, apdu)); }
+
+    int rack = -1;
+};
+
+// ---- Master ---------------------------------------------------------------
+
+TEST_F(SimRack, MasterTakesResetSilentlyAndReportsTheSlotMapAsItIs)
+{
+    EXPECT_EQ(exchange({0x55, 0x00, 0x00, 0xF0, 0xBB}), Bytes{});
+
+    rackSimSetSlotMapByte(rack, 3, 0x15);
+    rackSimSetSlotMapByte(rack, 5, 0x04);
+    rackSimSetSlotMapByte(rack, 240, 0x03);
+    rackSimSetSlotMapByte(rack, 241, 0x01);  // no such address: ignored
+    Bytes reply = exchange({0x55, 0x00, 0x00, 0xC1, 0xEA});
+
+    ASSERT_EQ(reply.size(), 245u);
+    EXPECT_EQ(Bytes(reply.begin(), reply.begin() + 4), (Bytes{0x55, 0x00, 0xF0, 0xC5}));
+    Bytes map(reply.begin() + 4, reply.end() - 1);
+    Bytes expected(240, 0x00);
+    expected[0] = expected[1] = expected[3] = 0x01;
+    expected[2] = 0x15;
+    expected[4] = 0x04;
+    expected[239] = 0x03;
+    EXPECT_EQ(map, expected);
+    EXPECT_TRUE(sumsToZero(reply));
+}
+
+TEST_F(SimRack, MasterConfirmsStatusCollectedAndIgnoresOtherCommands)
+{
+    EXPECT_EQ(exchange({0x55, 0x00, 0x00, 0xC2, 0xE9}), (Bytes{0x55, 0x00, 0x00, 0xC2, 0xE9}));
+    EXPECT_EQ(exchange(hostFrame(0x00, 0xC3)), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(0x00, 0x00)), Bytes{});
+}
+
+// ---- Status requests and protocol selection ------------------------------
+
+TEST_F(SimRack, StatusRequestIsAcknowledgedThenAnsweredWithTheCardState)
+{
+    mute(2);
+    insert(3, kAtr);
+
+    EXPECT_EQ(exchange({0x55, 0x01, 0x00, 0x00, 0xAA}),
+              (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x00, 0x01, 0xA9}));
+    EXPECT_EQ(exchange(hostFrame(2, 0x00)), (Bytes{0x55, 0x02, 0x00, 0x06, 0xA3, 0x55, 0x02, 0x00, 0x03, 0xA6}));
+    EXPECT_EQ(exchange(hostFrame(3, 0x00)),
+              (Bytes{0x55, 0x03, 0x00, 0x06, 0xA2, 0x55, 0x03, 0x02, 0x05, 0x3B, 0x00, 0x66}));
+}
+
+TEST_F(SimRack, OnlySlotsWhoseMapByteNamesAReaderAnswer)
+{
+    rackSimSetSlotMapByte(rack, 5, 0x04);
+    rackSimSetSlotMapByte(rack, 6, 0x31);  // the high four bits don't count
+    rackSimSetSlotMapByte(rack, 7, 0x15);
+    rackSimSetSlotMapByte(rack, 4, 0x00);  // populated before, now empty
+    EXPECT_EQ(exchange(hostFrame(4, 0x00)), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(5, 0x00)), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(7, 0x00)), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(100, 0x00)), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(6, 0x00)), (Bytes{0x55, 0x06, 0x00, 0x06, 0x9F, 0x55, 0x06, 0x00, 0x01, 0xA4}));
+}
+
+TEST_F(SimRack, SlotCanBeMadeToAnswerOrKeepSilentWhateverItsMapByte)
+{
+    rackSimSetSlotMapByte(rack, 7, 0x15);
+    rackSimSetSlotAnswers(rack, 7, 1);
+    rackSimSetSlotAnswers(rack, 1, 0);
+    EXPECT_EQ(exchange(hostFrame(7, 0x00)), (Bytes{0x55, 0x07, 0x00, 0x06, 0x9E, 0x55, 0x07, 0x00, 0x01, 0xA3}));
+    EXPECT_EQ(exchange(hostFrame(1, 0x00)), Bytes{});
+    Bytes map = exchange({0x55, 0x00, 0x00, 0xC1, 0xEA});
+    ASSERT_EQ(map.size(), 245u);
+    EXPECT_EQ(map[4 + 6], 0x15);
+    EXPECT_EQ(map[4 + 0], 0x01);
+
+    rackSimSetSlotAnswers(rack, 7, -1);
+    rackSimSetSlotAnswers(rack, 1, -1);
+    EXPECT_EQ(exchange(hostFrame(7, 0x00)), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(1, 0x00)).size(), 10u);
+}
+
+TEST_F(SimRack, ProtocolSelectionResetsTheCardAndReportsItsAtr)
+{
+    insert(3, kAtr);
+    Bytes cardReset{0x55, 0x03, 0x00, 0x06, 0xA2, 0x55, 0x03, 0x02, 0x05, 0x3B, 0x00, 0x66};
+    EXPECT_EQ(exchange({0x55, 0x03, 0x00, 0x20, 0x88}), cardReset);
+    EXPECT_EQ(exchange({0x55, 0x03, 0x00, 0x60, 0x48}), cardReset);
+
+    EXPECT_EQ(exchange(hostFrame(1, 0x60)), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x00, 0x01, 0xA9}));
+    mute(2);
+    EXPECT_EQ(exchange(hostFrame(2, 0x20)), (Bytes{0x55, 0x02, 0x00, 0x06, 0xA3, 0x55, 0x02, 0x00, 0x03, 0xA6}));
+}
+
+// ---- Card commands --------------------------------------------------------
+
+TEST_F(SimRack, CardCommandGetsAcknowledgeThenAnswerWithStatusFour)
+{
+    insert(1, kAtr);
+    EXPECT_EQ(exchange({0x55, 0x01, 0x05, 0x40, 0x00, 0x84, 0x00, 0x00, 0x08, 0xD9}),
+              (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}));
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), 1);
+
+    rackSimSetAnswerStatus(rack, 1, 0x02);
+    EXPECT_EQ(command(1, {0x00}), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x02, 0x02, 0x90, 0x00, 0x16}));
+
+    // An empty command (command byte only) is answered as well.
+    EXPECT_EQ(exchange({0x55, 0x01, 0x00, 0x40, 0x6A}),
+              (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x02, 0x02, 0x90, 0x00, 0x16}));
+}
+
+TEST_F(SimRack, CardCommandWithoutACardGetsTheSlotState)
+{
+    EXPECT_EQ(command(1, {0x00, 0xA4}), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x00, 0x01, 0xA9}));
+    mute(2);
+    EXPECT_EQ(command(2, {0x00, 0xA4}), (Bytes{0x55, 0x02, 0x00, 0x06, 0xA3, 0x55, 0x02, 0x00, 0x03, 0xA6}));
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), 0);
+}
+
+TEST_F(SimRack, AnswersOf256BytesOrMoreTakeTheExtendedForm)
+{
+    insert(1, kAtr);
+    for (size_t size : {255u, 256u, 300u, 1505u, 4096u}) {
+        SCOPED_TRACE(size);
+        Bytes answer(size);
+        for (size_t i = 0; i < size; ++i) answer[i] = static_cast<uint8_t>(i * 7);
+        rackSimSetFixedAnswer(rack, 1, answer.data(), static_cast<int>(size));
+        Bytes got = command(1, {0x00, 0xB0, 0x00, 0x00, 0x00});
+
+        ASSERT_GE(got.size(), 5u);
+        EXPECT_EQ(Bytes(got.begin(), got.begin() + 5), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4}));
+        Bytes frame(got.begin() + 5, got.end());
+        EXPECT_TRUE(sumsToZero(frame));
+        if (size < 256) {
+            ASSERT_EQ(frame.size(), size + 5);
+            EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 4), (Bytes{0x55, 0x01, static_cast<uint8_t>(size), 0x04}));
+            EXPECT_EQ(Bytes(frame.begin() + 4, frame.end() - 1), answer);
+        } else {
+            ASSERT_EQ(frame.size(), size + 6);
+            EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 5),
+                      (Bytes{0x55, 0x01, static_cast<uint8_t>(size & 0xFF), 0x0D, static_cast<uint8_t>(size >> 8)}));
+            EXPECT_EQ(Bytes(frame.begin() + 5, frame.end() - 1), answer);
+        }
+    }
+}
+
+// ---- Responders -----------------------------------------------------------
+
+TEST_F(SimRack, EchoFixedAndTableResponders)
+{
+    insert(1, kAtr);
+    Bytes ack{0x55, 0x01, 0x00, 0x06, 0xA4};
+
+    rackSimSetEcho(rack, 1);
+    EXPECT_EQ(command(1, {0x00, 0x55, 0x0D}), concat({ack, {0x55, 0x01, 0x03, 0x04, 0x00, 0x55, 0x0D, 0x41}}));
+
+    const uint8_t fixed[] = {0x6A, 0x82};
+    rackSimSetFixedAnswer(rack, 1, fixed, 2);
+    EXPECT_EQ(command(1, {0x01}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x6A, 0x82, 0xB8}}));
+    rackSimSetFixedAnswer(rack, 1, nullptr, 0);
+    EXPECT_EQ(command(1, {0x01}), concat({ack, {0x55, 0x01, 0x00, 0x04, 0xA6}}));
+
+    const uint8_t select[] = {0x00, 0xA4, 0x04, 0x00};
+    const uint8_t selected[] = {0x61, 0x10};
+    const uint8_t read[] = {0x00, 0xB0};
+    const uint8_t data[] = {0x01, 0x02, 0x90, 0x00};
+    rackSimAddTableEntry(rack, 1, select, 4, selected, 2);
+    rackSimAddTableEntry(rack, 1, read, 2, data, 4);
+    EXPECT_EQ(command(1, {0x00, 0xA4, 0x04, 0x00}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x61, 0x10, 0x33}}));
+    EXPECT_EQ(command(1, {0x00, 0xB0}), concat({ack, {0x55, 0x01, 0x04, 0x04, 0x01, 0x02, 0x90, 0x00, 0x0F}}));
+    EXPECT_EQ(command(1, {0x00, 0xB0, 0x00}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x6D, 0x00, 0x37}}));
+
+    // A second entry for the same command replaces the first.
+    const uint8_t other[] = {0x90, 0x00};
+    rackSimAddTableEntry(rack, 1, select, 4, other, 2);
+    EXPECT_EQ(command(1, {0x00, 0xA4, 0x04, 0x00}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}}));
+}
+
+TEST_F(SimRack, CardDelayHoldsTheAnswerButNotTheAcknowledge)
+{
+    insert(1, kAtr);
+    insert(2, kAtr);
+    rackSimSetCardDelayMs(rack, 1, 150);
+    auto start = Clock::now();
+    write(hostFrame(1, 0x40, {0x00, 0x84}));
+    // The acknowledge is there at once; another slot is served meanwhile.
+    EXPECT_EQ(readBytes(5), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4}));
+    write(hostFrame(2, 0x00));
+    EXPECT_EQ(readBytes(12), (Bytes{0x55, 0x02, 0x00, 0x06, 0xA3, 0x55, 0x02, 0x02, 0x05, 0x3B, 0x00, 0x67}));
+
+    EXPECT_EQ(readBytes(7), (Bytes{0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(150));
+}
+
+// ---- Card events ----------------------------------------------------------
+
+TEST_F(SimRack, CardEventsWhileOpenSendUnsolicitedStatusFrames)
+{
+    const uint8_t atr[] = {0x3B, 0x80, 0x01};
+    rackSimInsertCard(rack, 2, atr, 3);
+    EXPECT_EQ(readNow(), (Bytes{0x55, 0x02, 0x03, 0x05, 0x3B, 0x80, 0x01, 0xE5}));
+    rackSimMuteCard(rack, 2);
+    EXPECT_EQ(readNow(), (Bytes{0x55, 0x02, 0x00, 0x03, 0xA6}));
+    rackSimRemoveCard(rack, 2);
+    EXPECT_EQ(readNow(), (Bytes{0x55, 0x02, 0x00, 0x01, 0xA8}));
+
+    // Slots without a reader say nothing, and bad arguments change nothing.
+    rackSimInsertCard(rack, 9, kAtr.data(), 2);
+    rackSimInsertCard(rack, 2, kAtr.data(), 0);
+    rackSimInsertCard(rack, 2, kAtr.data(), 65);
+    rackSimInsertCard(rack, 0, kAtr.data(), 2);
+    rackSimInsertCard(rack + 1, 2, kAtr.data(), 2);
+    EXPECT_EQ(readNow(), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(2, 0x00)), (Bytes{0x55, 0x02, 0x00, 0x06, 0xA3, 0x55, 0x02, 0x00, 0x01, 0xA8}));
+}
+
+TEST_F(SimRack, CardEventsWhileClosedAreOnlySeenByTheNextStatusRequest)
+{
+    FT_Close(handle);
+    rackSimInsertCard(rack, 1, kAtr.data(), 2);
+    ASSERT_EQ(FT_OpenEx(const_cast<char*>("TR000001"), FT_OPEN_BY_SERIAL_NUMBER, &handle), FT_OK);
+    EXPECT_EQ(readNow(), Bytes{});
+    EXPECT_EQ(exchange(hostFrame(1, 0x00)),
+              (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x02, 0x05, 0x3B, 0x00, 0x68}));
+}
+
+// ---- The host's byte stream ----------------------------------------------
+
+TEST_F(SimRack, HostFramesMayBeSplitOrJoinedAcrossWrites)
+{
+    Bytes frame = hostFrame(1, 0x00);
+    for (size_t i = 0; i + 1 < frame.size(); ++i) {
+        write({frame[i]});
+        EXPECT_EQ(queued(), 0u) << "answered before byte " << i + 1;
+    }
+    write({frame.back()});
+    EXPECT_EQ(readNow(), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x00, 0x01, 0xA9}));
+
+    // Two frames in one write, and one cut in the middle of another.
+    Bytes two = concat({hostFrame(1, 0x00), hostFrame(2, 0x00), {0x55, 0x03}});
+    EXPECT_EQ(exchange(two), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x00, 0x01, 0xA9, 0x55, 0x02, 0x00,
+                                    0x06, 0xA3, 0x55, 0x02, 0x00, 0x01, 0xA8}));
+    EXPECT_EQ(exchange({0x00, 0x00, 0xA8}), (Bytes{0x55, 0x03, 0x00, 0x06, 0xA2, 0x55, 0x03, 0x00, 0x01, 0xA7}));
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), 4);
+}
+
+TEST_F(SimRack, BytesBeforeASyncAndFramesWithAWrongChecksumAreIgnored)
+{
+    EXPECT_EQ(exchange({0x00, 0xFF, 0x13}), Bytes{});
+    Bytes bad = hostFrame(1, 0x00);
+    bad.back() ^= 0x01;
+    EXPECT_EQ(exchange(bad), Bytes{});
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BAD_FRAMES_FROM_HOST), 1);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), 0);
+
+    // The stream is back in step for the next frame.
+    EXPECT_EQ(exchange(hostFrame(1, 0x00)), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x00, 0x01, 0xA9}));
+}
+
+}  // namespace
