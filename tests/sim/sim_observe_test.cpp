@@ -207,6 +207,21 @@ TEST_F(SimObserve, PacedBytesNeverOutrunTheLine)
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(199));
 }
 
+TEST_F(SimObserve, BusRuleJudgesAPacedFrameByWhenTheHostWroteIt)
+{
+    rackSimSetWireRealism(rack, 1);
+    write(hostFrame(1, 0x00));
+    readBytes(10);  // slot 1: acknowledge and status
+    write(hostFrame(2, 0x00));
+    // Written before slot 2's acknowledge was read, though it reaches the
+    // rack (22.6 ms of line time) only after that read.
+    write(hostFrame(3, 0x40, Bytes(255, 0x00)));
+    EXPECT_EQ(readBytes(5), (Bytes{0x55, 0x02, 0x00, 0x06, 0xA3}));
+    readBytes(5 + 5 + 5);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_FRAMES_FROM_HOST), 3);
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_BUS_VIOLATIONS), 1);
+}
+
 TEST_F(SimObserve, LatencyTimerHoldsAShortFrame)
 {
     rackSimSetWireRealism(rack, 1);

@@ -219,6 +219,19 @@ TEST_F(SimRack, CardDelayHoldsTheAnswerButNotTheAcknowledge)
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(150));
 }
 
+TEST_F(SimRack, ResetDropsAnswersStillBeingWorkedOn)
+{
+    insert(1, kAtr);
+    rackSimSetCardDelayMs(rack, 1, 60);
+    auto start = Clock::now();
+    write(hostFrame(1, 0x40, {0x00, 0x84}));
+    EXPECT_EQ(readBytes(5), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4}));
+    EXPECT_EQ(exchange({0x55, 0x00, 0x00, 0xF0, 0xBB}), Bytes{});
+    std::this_thread::sleep_until(start + std::chrono::milliseconds(120));
+    EXPECT_EQ(readNow(), Bytes{});
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), 0);
+}
+
 // ---- Card events ----------------------------------------------------------
 
 TEST_F(SimRack, CardEventsWhileOpenSendUnsolicitedStatusFrames)
