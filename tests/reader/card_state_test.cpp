@@ -1,0 +1,188 @@
+// Card state and ATR as the status thread keeps them, driven by the card
+// events of the emulated rack and by raw status frames; the protocol walk
+// over the ATR's interface bytes.
+#include <gtest/gtest.h>
+
+#include "diag/text.h"
+#include "reader/reader.h"
+#include "support/rack_fixture.h"
+
+namespace {
+
+using namespace test_support;
+using Bytes = std::vector<uint8_t>;
+
+class CardState : public RackFixture {
+protected:
+    void startRack(int slots)
+    {
+        device_ = addRack("CS", slots);
+        startLibrary(1);
+        rack_ = g_racks[0];
+        clearLog();
+    }
+    Reader* reader(int address) { return rack_->readers[static_cast<size_t>(address) - 1]; }
+    Bytes atrOf(int address)
+    {
+        Bytes atr(32);
+        atr.resize(reader(address)->atr(atr.data()));
+        return atr;
+    }
+    bool stateIs(int address, uint32_t state)
+    {
+        return waitUntil([&] { return reader(address)->cardState() == state; });
+    }
+    // Puts a frame on the line and waits until the rack has taken it and
+    // the status thread has had many polls' time to read it.
+    void deliver(const Bytes& frame)
+    {
+        std::string trace = "RX - " + hexDump(frame.data(), static_cast<int32_t>(frame.size())) + "\n";
+        size_t seen = occurrences(trace);
+        inject(device_, frame);
+        ASSERT_TRUE(waitUntil([&] { return occurrences(trace) > seen; }));
+        ASSERT_TRUE(waitUntil([&] { return frameTaken(frame[1]); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    bool frameTaken(int address)
+    {
+        return address >= 1 && static_cast<size_t>(address) <= rack_->readers.size()
+                   ? reader(address)->incoming.unread.load() == 0
+                   : true;
+    }
+    size_t occurrences(const std::string& text) const
+    {
+        std::string log = logText();
+        size_t n = 0;
+        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+        return n;
+    }
+
+    int device_ = -1;
+    Rack* rack_ = nullptr;
+};
+
+TEST_F(CardState, InsertRemoveMuteAndBackFollowTheRackEvents)
+{
+    startRack(2);
+    const Bytes atr{0x3B, 0x80, 0x01};
+    insertCard(device_, 1, atr);
+    ASSERT_TRUE(stateIs(1, kStateCard));
+    EXPECT_EQ(atrOf(1), atr);
+
+    rackSimRemoveCard(device_, 1);
+    ASSERT_TRUE(stateIs(1, kStateNoCard));
+    EXPECT_EQ(reader(1)->atrLength(), 0u);
+
+    rackSimMuteCard(device_, 1);
+    ASSERT_TRUE(stateIs(1, kStateMuteCard));
+    EXPECT_EQ(reader(1)->atrLength(), 0u);
+
+    insertCard(device_, 1, atr);
+    ASSERT_TRUE(stateIs(1, kStateCard));
+    EXPECT_EQ(atrOf(1), atr);
+    EXPECT_EQ(reader(2)->cardState(), kStateNoCard) << "events touch only their own slot";
+
+    std::string log = logText();
+    size_t first = log.find("Tessel CS R1: New card found\n");
+    size_t removed = log.find("Tessel CS R1: Card removed\n");
+    ASSERT_NE(first, std::string::npos);
+    ASSERT_NE(removed, std::string::npos);
+    EXPECT_LT(first, removed);
+    EXPECT_NE(log.find("Tessel CS R1: New card found\n", removed), std::string::npos);
+}
+
+TEST_F(CardState, CardDataWhileAnAtrIsStoredChangesAndTracesNothing)
+{
+    startRack(1);
+    insertCard(device_, 1, {0x3B, 0x00});
+    ASSERT_TRUE(stateIs(1, kStateCard));
+    clearLog();
+    deliver(slotFrame(1, 0x05, {0x3B, 0x99, 0x99}));
+    deliver(slotFrame(1, 0x45, {0x3B, 0x77}));  // top bits play no part: status 5
+    EXPECT_EQ(atrOf(1), (Bytes{0x3B, 0x00}));
+    EXPECT_EQ(logText().find("New card found"), std::string::npos);
+}
+
+TEST_F(CardState, StatusFiveWithoutDataGivesACardWithoutAtrEachTime)
+{
+    startRack(1);
+    deliver(slotFrame(1, 0x05, {}));
+    ASSERT_TRUE(stateIs(1, kStateCard));
+    EXPECT_EQ(reader(1)->atrLength(), 0u);
+    deliver(slotFrame(1, 0x05, {}));
+    EXPECT_EQ(occurrences("Tessel CS R1: New card found\n"), 2u);
+}
+
+TEST_F(CardState, ExtendedMarkerCountsAsCardDataAndOtherStatusesAreTracedOrIgnored)
+{
+    startRack(3);
+    // Whole byte 0x0D: an extended frame (length split around the marker),
+    // counted as card data.
+    deliver({0x55, 0x01, 0x02, 0x0D, 0x00, 0x3B, 0x00, 0x60});
+    ASSERT_TRUE(stateIs(1, kStateCard));
+    deliver(slotFrame(2, 0x2D, {}));  // status 13, not the marker
+    deliver(slotFrame(3, 0x02, {}));
+    deliver(slotFrame(3, 0x04, {}));
+    std::string log = logText();
+    EXPECT_NE(log.find("bStatus invalid. 13\n"), std::string::npos);
+    EXPECT_EQ(reader(2)->cardState(), kStateNoCard);
+    EXPECT_EQ(reader(3)->cardState(), kStateNoCard);
+    EXPECT_EQ(log.find("bStatus invalid. 2\n"), std::string::npos);
+}
+
+TEST_F(CardState, CollectionCountsEveryReaderAndSendsTheClosingFrameOnce)
+{
+    int device = addRack("COL", 3);
+    insertCard(device, 1, {0x3B, 0x00});
+    rackSimMuteCard(device, 2);
+    startLibrary(1);
+    rack_ = g_racks[0];
+    device_ = device;
+    EXPECT_EQ(reader(1)->cardState(), kStateCard);
+    EXPECT_EQ(reader(2)->cardState(), kStateCard) << "a mute card counts as a card during collection";
+    EXPECT_EQ(reader(2)->atrLength(), 0u);
+    EXPECT_EQ(reader(3)->cardState(), kStateNoCard);
+
+    // Later status messages are events: the closing frame is not sent again.
+    rack_->requestStatus(reader(3));
+    deliver(slotFrame(3, 0x01, {}));
+    int closing = 0;
+    for (const Bytes& frame : wireLog(device_))
+        if (frame == Bytes{0x55, 0x00, 0x00, 0xC2, 0xE9}) ++closing;
+    EXPECT_EQ(closing, 1);
+    EXPECT_EQ(rack_->statusCount.load(), 3u);
+}
+
+struct WalkCase {
+    Bytes atr;
+    uint32_t result;
+    uint32_t mask;
+    const char* trace;
+};
+
+class ProtocolWalk : public CardState, public ::testing::WithParamInterface<WalkCase> {};
+
+TEST_P(ProtocolWalk, InterfaceBytesNameTheProtocols)
+{
+    const WalkCase& c = GetParam();
+    int device = addRack("PW", 1);
+    insertCard(device, 1, c.atr);
+    startLibrary(1);
+    rack_ = g_racks[0];
+    reader(1)->protocolMask.store(0);
+    clearLog();
+    EXPECT_EQ(rack_->supportedProtocols(reader(1)), c.result);
+    EXPECT_EQ(reader(1)->protocolMask.load(), c.mask);
+    EXPECT_EQ(logText(), c.trace);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Atrs, ProtocolWalk,
+    ::testing::Values(WalkCase{{0x3B, 0x60, 0x00, 0x00}, 0, 0, ""},                   // TB1, TC1, no TD1
+                      WalkCase{{0x3B, 0x80, 0x01}, 2, 2, "atr says 2\n"},              // TD1: T=1
+                      WalkCase{{0x3B, 0x80, 0x80, 0x01}, 1, 3, "atr says 1\n"},        // T=0, then T=1
+                      WalkCase{{0x3B, 0x81, 0x31, 0xFE, 0x45, 0x80}, 2, 2, "atr says 2\n"},
+                      WalkCase{{0x3B, 0x80}, 0, 0, ""},                                // TD1 announced, missing
+                      WalkCase{{0x3B, 0x80, 0x80}, 1, 1, "atr says 1\n"}));            // TD2 announced, missing
+
+}  // namespace

@@ -1,0 +1,123 @@
+// The one-deep mailbox shared by a writer thread and two consumers.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "reader/atr.h"
+#include "reader/mailbox.h"
+#include "reader/reader.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+TEST(Mailbox, WriteSetsBothFlagsAndReadLeavesTheMessageInPlace)
+{
+    Mailbox box;
+    const Bytes frame{0x55, 0x03, 0x02, 0x05, 0x3B, 0x00, 0x66};
+    box.write(frame.data(), static_cast<uint32_t>(frame.size()));
+    EXPECT_EQ(box.flag(false), 1);
+    EXPECT_EQ(box.flag(true), 1);
+
+    Bytes first(Mailbox::capacity), second(Mailbox::capacity);
+    EXPECT_EQ(box.read(first.data()), frame.size());
+    EXPECT_EQ(box.flag(false), 0) << "a read clears unread";
+    EXPECT_EQ(box.flag(true), 1) << "a read leaves arrived alone";
+    EXPECT_EQ(box.read(second.data()), frame.size());
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(Bytes(first.begin(), first.begin() + 7), frame);
+
+    box.clearArrived();
+    EXPECT_EQ(box.flag(true), 0);
+    EXPECT_EQ(box.length.load(), frame.size()) << "clearing arrived keeps the message";
+}
+
+TEST(Mailbox, NewerMessageReplacesAnUnreadOne)
+{
+    Mailbox box;
+    const Bytes older(40, 0x11), newer{0x55, 0x01, 0x00, 0x04, 0xA6};
+    box.write(older.data(), 40);
+    box.write(newer.data(), 5);
+    Bytes out(Mailbox::capacity, 0);
+    EXPECT_EQ(box.read(out.data()), 5u);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 5), newer);
+    EXPECT_EQ(out[5], 0) << "only length bytes are copied out";
+}
+
+TEST(Mailbox, AReaderNeverSeesHalfOfOneFrameAndHalfOfAnother)
+{
+    Mailbox box;
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        Bytes frame(Mailbox::capacity);
+        for (uint32_t round = 1; round <= 20000; ++round) {
+            uint32_t length = 5 + round % 700;
+            std::fill(frame.begin(), frame.begin() + length, static_cast<uint8_t>(round));
+            frame[0] = static_cast<uint8_t>(length);
+            frame[1] = static_cast<uint8_t>(length >> 8);
+            box.write(frame.data(), length);
+        }
+        done = true;
+    });
+    Bytes out(Mailbox::capacity);
+    uint32_t checked = 0;
+    while (!done || checked == 0) {
+        if (!box.flag(false)) continue;
+        uint32_t length = box.read(out.data());
+        ASSERT_EQ(length, out[0] + 256u * out[1]);
+        for (uint32_t i = 2; i < length; ++i) ASSERT_EQ(out[i], out[2]) << "torn at " << i;
+        ++checked;
+    }
+    writer.join();
+    EXPECT_GT(checked, 0u);
+}
+
+TEST(SharedAtr, ReadersGetWholeValuesWhileOneThreadStores)
+{
+    SharedAtr shared;
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (uint32_t round = 0; round < 50000; ++round) {
+            uint8_t bytes[32];
+            uint32_t length = 1 + round % 32;
+            std::fill(bytes, bytes + 32, static_cast<uint8_t>(length));
+            shared.store(Atr(bytes, length));
+        }
+        done = true;
+    });
+    while (!done) {
+        Atr value = shared.load();
+        for (uint32_t i = 0; i < value.length; ++i) ASSERT_EQ(value.bytes[i], value.length);
+    }
+    writer.join();
+}
+
+TEST(Atr, KeepsAtMostThirtyTwoBytes)
+{
+    Bytes long40(40, 0x3B);
+    Atr atr(long40.data(), 40);
+    EXPECT_EQ(atr.length, 32u);
+    Bytes out(32);
+    EXPECT_EQ(atr.copyTo(out.data()), 32u);
+}
+
+TEST(ReaderMailbox, OutgoingPayloadIsWrappedIntoAFrameToTheSlot)
+{
+    Reader reader(5, "SER");
+    const uint8_t select = 0x60;
+    reader.writeMailbox(true, &select, 1);
+    EXPECT_EQ(reader.hasSent(), 0u);
+    EXPECT_EQ(reader.mailboxFull(true, false), 1);
+    Bytes out(Mailbox::capacity);
+    ASSERT_EQ(reader.readMailbox(true, out.data()), 5u);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 5), (Bytes{0x55, 0x05, 0x00, 0x60, 0x46}));
+    EXPECT_EQ(reader.name, "Tessel SER R5");
+    std::wstring wide;
+    reader.wideName(wide);
+    EXPECT_EQ(wide, L"Tessel SER R5");
+    std::lock_guard<platform::ExclusiveLock> guard(g_cardHandlesLock);
+    g_cardHandles.clear();
+}
+
+}  // namespace
