@@ -1,0 +1,112 @@
+// Helpers shared by the PC/SC tests: reader names, guarded buffers that
+// show any write past their end, and connect shortcuts.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "link/rack.h"
+#include "pcsc/lookups.h"
+#include "pcsc/winscard_api.h"
+#include "reader/reader.h"
+#include "support/rack_fixture.h"
+
+namespace pcsc_test {
+
+using test_support::kTimeScale;
+using test_support::waitUntil;
+
+inline std::string readerName(const std::string& serial, int address)
+{
+    return "Tessel " + serial + " R" + std::to_string(address);
+}
+
+inline std::wstring widen(const std::string& text) { return std::wstring(text.begin(), text.end()); }
+
+// A buffer of `size` elements followed by guard elements; every element
+// starts as `fill`, so a write past the end shows in guardIntact().
+template <typename Element>
+class Guarded {
+public:
+    static constexpr size_t guardCount = 16;
+
+    explicit Guarded(size_t size, Element fill = Element(0x5A)) : size_(size), fill_(fill), storage_(size + guardCount, fill) {}
+
+    Element* data() { return storage_.data(); }
+    size_t size() const { return size_; }
+    const Element& operator[](size_t i) const { return storage_[i]; }
+    bool guardIntact() const
+    {
+        return std::all_of(storage_.begin() + static_cast<std::ptrdiff_t>(size_), storage_.end(),
+                           [this](Element e) { return e == fill_; });
+    }
+    bool untouched() const
+    {
+        return std::all_of(storage_.begin(), storage_.end(), [this](Element e) { return e == fill_; });
+    }
+    std::vector<Element> contents(size_t count) const
+    {
+        return std::vector<Element>(storage_.begin(), storage_.begin() + static_cast<std::ptrdiff_t>(count));
+    }
+
+private:
+    size_t size_;
+    Element fill_;
+    std::vector<Element> storage_;
+};
+
+// True if the parts occur in `text` in this order, without overlapping.
+inline bool containsInOrder(const std::string& text, const std::vector<std::string>& parts)
+{
+    size_t at = 0;
+    for (const std::string& part : parts) {
+        size_t found = text.find(part, at);
+        if (found == std::string::npos) return false;
+        at = found + part.size();
+    }
+    return true;
+}
+
+inline size_t countOf(const std::string& text, const std::string& part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
+    return count;
+}
+
+inline Reader* readerNamed(const std::string& name)
+{
+    Rack* rack = rackByReaderName(name.c_str());
+    return rack != nullptr ? rack->readerByName(name.c_str()) : nullptr;
+}
+
+inline Rack* rackOf(const std::string& name) { return rackByReaderName(name.c_str()); }
+
+// Frames the host wrote to one slot address, in order.
+inline std::vector<std::vector<uint8_t>> framesTo(const std::vector<std::vector<uint8_t>>& wire, int address)
+{
+    std::vector<std::vector<uint8_t>> frames;
+    for (const auto& frame : wire)
+        if (frame.size() >= 4 && frame[0] == 0x55 && frame[1] == address) frames.push_back(frame);
+    return frames;
+}
+
+inline SCARDHANDLE connectTo(const std::string& name, DWORD preferred = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1)
+{
+    SCARDHANDLE handle = 0;
+    DWORD active = 0;
+    EXPECT_EQ(SCardConnectA(1, name.c_str(), SCARD_SHARE_SHARED, preferred, &handle, &active), SCARD_S_SUCCESS)
+        << name;
+    return handle;
+}
+
+// The ATR examples of the card state part: T=1 alone; T=0 then T=1; none.
+inline std::vector<uint8_t> atrOnlyT1() { return {0x3B, 0x80, 0x01}; }
+inline std::vector<uint8_t> atrT0ThenT1() { return {0x3B, 0x80, 0x80, 0x01}; }
+inline std::vector<uint8_t> atrWithoutProtocol() { return {0x3B, 0x60, 0x00, 0x00}; }
+
+}  // namespace pcsc_test

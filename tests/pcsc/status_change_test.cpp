@@ -1,0 +1,252 @@
+// Status change: the checks before the wait, the record table, waiting for
+// a card to come, go or turn mute, the time-outs, and whole ATRs while the
+// status thread stores new ones.
+#include "pcsc_test_support.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <thread>
+
+namespace pcsc_test {
+namespace {
+
+constexpr DWORD kEmptySeen = SCARD_STATE_CHANGED | SCARD_STATE_EMPTY;
+constexpr DWORD kPresentSeen = SCARD_STATE_CHANGED | SCARD_STATE_PRESENT;
+constexpr DWORD kMuteSeen = SCARD_STATE_CHANGED | SCARD_STATE_PRESENT | SCARD_STATE_MUTE;
+
+class StatusChangeTest : public test_support::RackFixture {
+protected:
+    // R1 empty, R2 a card with a T=1 ATR, R3 a card that turns mute.
+    void startThreeReaders()
+    {
+        device_ = addRack("A1", 3);
+        insertCard(device_, 2, atrOnlyT1());
+        insertCard(device_, 3, atrOnlyT1());
+        startLibrary(1);
+        rackSimMuteCard(device_, 3);
+        ASSERT_TRUE(waitUntil([] { return readerNamed("Tessel A1 R3")->cardState() == kStateMuteCard; }));
+        clearLog();
+    }
+
+    SCARD_READERSTATEA record(const std::string& name, DWORD known)
+    {
+        names_.push_back(name);
+        SCARD_READERSTATEA state;
+        std::memset(&state, 0, sizeof state);
+        state.szReader = names_.back().c_str();
+        state.dwCurrentState = known;
+        state.dwEventState = 0xABCD;
+        state.cbAtr = 99;
+        std::memset(state.rgbAtr, 0xEE, sizeof state.rgbAtr);
+        return state;
+    }
+
+    int device_ = -1;
+    std::deque<std::string> names_;
+};
+
+TEST_F(StatusChangeTest, ChecksBeforeTheWaitLeaveTheRecordsAsTheyCame)
+{
+    startThreeReaders();
+
+    EXPECT_EQ(SCardGetStatusChangeA(0, 0, nullptr, 0), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardGetStatusChangeA(0, 0, nullptr, 2), SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(logText(), "SCardGetStatusChangeA\nSCardGetStatusChangeA\n");
+
+    // Every record ignored: success at once, nothing cleared.
+    SCARD_READERSTATEA ignored[2] = {record("Tessel A1 R1", SCARD_STATE_IGNORE),
+                                     record("no such reader", SCARD_STATE_IGNORE)};
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, ignored, 2), SCARD_S_SUCCESS);
+    EXPECT_EQ(ignored[0].dwEventState, 0xABCDu);
+    EXPECT_EQ(ignored[1].dwEventState, 0xABCDu);
+
+    // An ignored record with an unknown name fails the whole call; the
+    // narrow form traces each name it checks.
+    clearLog();
+    SCARD_READERSTATEA mixed[3] = {record("Tessel A1 R1", SCARD_STATE_UNAWARE),
+                                   record("no such reader", SCARD_STATE_IGNORE),
+                                   record("Tessel A1 R2", SCARD_STATE_UNAWARE)};
+    EXPECT_EQ(SCardGetStatusChangeA(0, 0, mixed, 3), SCARD_E_UNKNOWN_READER);
+    EXPECT_EQ(logText(), "SCardGetStatusChangeA\nTessel A1 R1\nno such reader\nReader doesn't exist");
+    for (const auto& r : mixed) {
+        EXPECT_EQ(r.dwEventState, 0xABCDu);
+        EXPECT_EQ(r.cbAtr, 99u);
+    }
+
+    // A name is compared exactly, case included. The wide form traces
+    // nothing but its entry.
+    clearLog();
+    std::wstring lower = L"tessel A1 R1";
+    SCARD_READERSTATEW wide;
+    std::memset(&wide, 0, sizeof wide);
+    wide.szReader = lower.c_str();
+    wide.dwEventState = 0xABCD;
+    EXPECT_EQ(SCardGetStatusChangeW(0, 0, &wide, 1), SCARD_E_UNKNOWN_READER);
+    EXPECT_EQ(wide.dwEventState, 0xABCDu);
+    EXPECT_EQ(logText(), "SCardGetStatusChangeW\n");
+
+    // A null name is refused instead of read.
+    SCARD_READERSTATEA unnamed = record("x", SCARD_STATE_UNAWARE);
+    unnamed.szReader = nullptr;
+    EXPECT_EQ(SCardGetStatusChangeA(0, 0, &unnamed, 1), SCARD_E_INVALID_PARAMETER);
+}
+
+TEST_F(StatusChangeTest, UnawareRecordsGetTheStateOfTheirReadersAfterOnePass)
+{
+    startThreeReaders();
+
+    SCARD_READERSTATEA states[4] = {record("Tessel A1 R1", SCARD_STATE_UNAWARE),
+                                    record("Tessel A1 R2", SCARD_STATE_UNAWARE),
+                                    record("Tessel A1 R3", SCARD_STATE_UNAWARE),
+                                    record("Tessel A1 R2", SCARD_STATE_IGNORE)};
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, states, 4), SCARD_S_SUCCESS);
+
+    EXPECT_EQ(states[0].dwEventState, kEmptySeen);
+    EXPECT_EQ(states[0].cbAtr, 0u);
+    EXPECT_EQ(states[1].dwEventState, kPresentSeen);
+    ASSERT_EQ(states[1].cbAtr, 3u);
+    EXPECT_EQ(std::vector<uint8_t>(states[1].rgbAtr, states[1].rgbAtr + 3), atrOnlyT1());
+    EXPECT_EQ(states[1].rgbAtr[3], 0xEE) << "bytes behind the ATR keep what the host left";
+    EXPECT_EQ(states[2].dwEventState, kMuteSeen);
+    EXPECT_EQ(states[2].cbAtr, 0u);
+    EXPECT_EQ(states[3].dwEventState, 0u) << "an ignored record is cleared and not visited";
+    EXPECT_EQ(states[3].cbAtr, 99u);
+    EXPECT_EQ(logText(), "SCardGetStatusChangeA\nTessel A1 R1\nTessel A1 R2\nTessel A1 R3\nTessel A1 R2\n");
+
+    // The wide form fills the same values.
+    std::wstring names[3] = {L"Tessel A1 R1", L"Tessel A1 R2", L"Tessel A1 R3"};
+    SCARD_READERSTATEW wide[3];
+    std::memset(wide, 0, sizeof wide);
+    for (int i = 0; i < 3; ++i) wide[i].szReader = names[i].c_str();
+    EXPECT_EQ(SCardGetStatusChangeW(0, 0, wide, 3), SCARD_S_SUCCESS);
+    EXPECT_EQ(wide[0].dwEventState, kEmptySeen);
+    EXPECT_EQ(wide[1].dwEventState, kPresentSeen);
+    EXPECT_EQ(wide[1].cbAtr, 3u);
+    EXPECT_EQ(wide[2].dwEventState, kMuteSeen);
+}
+
+TEST_F(StatusChangeTest, AStateTheHostKnowsTimesOutWithTheLastPassInTheRecords)
+{
+    startThreeReaders();
+
+    // Timeout 0: one pass, then the time-out.
+    SCARD_READERSTATEA empty = record("Tessel A1 R1", kEmptySeen);
+    EXPECT_EQ(SCardGetStatusChangeA(0, 0, &empty, 1), SCARD_E_TIMEOUT);
+    EXPECT_EQ(empty.dwEventState, kEmptySeen);
+    EXPECT_EQ(empty.cbAtr, 0u);
+
+    // Flags other than EMPTY, PRESENT and MUTE play no part.
+    SCARD_READERSTATEA odd = record("Tessel A1 R2", SCARD_STATE_UNKNOWN);
+    EXPECT_EQ(SCardGetStatusChangeA(0, 100, &odd, 1), SCARD_E_TIMEOUT);
+    EXPECT_EQ(odd.dwEventState, kPresentSeen);
+
+    // A mute card does not end a wait that expects a present card...
+    SCARD_READERSTATEA present = record("Tessel A1 R3", kPresentSeen);
+    EXPECT_EQ(SCardGetStatusChangeA(0, 100, &present, 1), SCARD_E_TIMEOUT);
+    EXPECT_EQ(present.dwEventState, kMuteSeen);
+    // ...but a host that knows it is mute is woken on every call.
+    SCARD_READERSTATEA mute = record("Tessel A1 R3", kMuteSeen);
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, &mute, 1), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, &mute, 1), SCARD_S_SUCCESS);
+    EXPECT_EQ(mute.dwEventState, kMuteSeen);
+}
+
+TEST_F(StatusChangeTest, InfiniteWaitEndsAfterOneMinute)
+{
+    startThreeReaders();
+
+    SCARD_READERSTATEA empty = record("Tessel A1 R1", kEmptySeen);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, &empty, 1), SCARD_E_TIMEOUT);
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    // 60 s of library time; at least most of it has passed.
+    EXPECT_GE(elapsed, std::chrono::milliseconds(55000 / kTimeScale));
+    EXPECT_EQ(empty.dwEventState, kEmptySeen);
+}
+
+TEST_F(StatusChangeTest, AHostIsWokenWhenACardComesAndWhenItGoes)
+{
+    startThreeReaders();
+
+    // Two records, of which only the empty one will differ: both come back
+    // marked as changed.
+    SCARD_READERSTATEA states[2] = {record("Tessel A1 R1", kEmptySeen), record("Tessel A1 R2", kPresentSeen)};
+    std::thread inserter([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        insertCard(device_, 1, atrT0ThenT1());
+    });
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, states, 2), SCARD_S_SUCCESS);
+    inserter.join();
+    EXPECT_EQ(states[0].dwEventState, kPresentSeen);
+    ASSERT_EQ(states[0].cbAtr, 4u);
+    EXPECT_EQ(std::vector<uint8_t>(states[0].rgbAtr, states[0].rgbAtr + 4), atrT0ThenT1());
+    EXPECT_EQ(states[1].dwEventState, kPresentSeen);
+
+    // The host copies what it saw and waits again: the card leaves.
+    states[0].dwCurrentState = states[0].dwEventState;
+    std::thread remover([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        rackSimRemoveCard(device_, 1);
+    });
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, states, 1), SCARD_S_SUCCESS);
+    remover.join();
+    EXPECT_EQ(states[0].dwEventState, kEmptySeen);
+    EXPECT_EQ(states[0].cbAtr, 0u);
+}
+
+TEST_F(StatusChangeTest, TenRecordsAreWalkedInBothForms)
+{
+    startThreeReaders();
+
+    const DWORD expected[3] = {kEmptySeen, kPresentSeen, kMuteSeen};
+    SCARD_READERSTATEA narrow[10];
+    SCARD_READERSTATEW wide[10];
+    std::wstring wideNames[3] = {L"Tessel A1 R1", L"Tessel A1 R2", L"Tessel A1 R3"};
+    for (int i = 0; i < 10; ++i) {
+        narrow[i] = record(readerName("A1", i % 3 + 1), SCARD_STATE_UNAWARE);
+        std::memset(&wide[i], 0, sizeof wide[i]);
+        wide[i].szReader = wideNames[i % 3].c_str();
+    }
+    EXPECT_EQ(SCardGetStatusChangeA(0, 0, narrow, 10), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardGetStatusChangeW(0, 0, wide, 10), SCARD_S_SUCCESS);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(narrow[i].dwEventState, expected[i % 3]) << i;
+        EXPECT_EQ(wide[i].dwEventState, expected[i % 3]) << i;
+    }
+}
+
+TEST_F(StatusChangeTest, APassNeverSeesTheBytesOfOneAtrWithTheLengthOfAnother)
+{
+    startThreeReaders();
+    const std::vector<uint8_t> shortAtr = {0x3B, 0x80, 0x01};
+    const std::vector<uint8_t> longAtr = {0x3B, 0x8F, 0x80, 0x01, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66,
+                                          0x77, 0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xF0, 0x0F};
+
+    // The card in R1 changes again and again while passes read it.
+    std::atomic<bool> done{false};
+    std::thread swapper([&] {
+        for (int i = 0; i < 200 && !done; ++i) {
+            insertCard(device_, 1, i % 2 ? longAtr : shortAtr);
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+            rackSimRemoveCard(device_, 1);
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+        done = true;
+    });
+    int seen = 0;
+    while (!done) {
+        SCARD_READERSTATEA state = record("Tessel A1 R1", SCARD_STATE_UNAWARE);
+        ASSERT_EQ(SCardGetStatusChangeA(0, 0, &state, 1), SCARD_S_SUCCESS);
+        std::vector<uint8_t> atr(state.rgbAtr, state.rgbAtr + state.cbAtr);
+        if (state.cbAtr == 0) continue;
+        ++seen;
+        ASSERT_TRUE(atr == shortAtr || atr == longAtr) << "torn ATR of length " << state.cbAtr;
+    }
+    swapper.join();
+    EXPECT_GT(seen, 0);
+}
+
+}  // namespace
+}  // namespace pcsc_test

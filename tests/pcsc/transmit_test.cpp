@@ -1,0 +1,274 @@
+// SCardTransmit: the checks before anything goes out, the frame on the
+// wire, short and extended answers, an answer longer than the host's
+// buffer, and every time-out with what it leaves behind.
+#include "pcsc_test_support.h"
+
+#include <chrono>
+#include <numeric>
+#include <thread>
+
+#include "platform/clock.h"
+#include "platform/test_seam.h"
+
+namespace pcsc_test {
+namespace {
+
+const std::vector<uint8_t> kSelect = {0x00, 0xA4, 0x04, 0x00};
+
+class TransmitTest : public test_support::RackFixture {
+protected:
+    void startReaders()
+    {
+        device_ = addRack("A1", 2);
+        insertCard(device_, 1, atrOnlyT1());
+        insertCard(device_, 2, atrOnlyT1());
+        startLibrary(1);
+        handle_ = connectTo("Tessel A1 R1", SCARD_PROTOCOL_T1);
+        other_ = connectTo("Tessel A1 R2", SCARD_PROTOCOL_T1);
+        reader_ = readerNamed("Tessel A1 R1");
+        rack_ = rackOf("Tessel A1 R1");
+        rackSimClearWireLog(device_);
+        clearLog();
+    }
+
+    LONG transmit(SCARDHANDLE handle, const std::vector<uint8_t>& command, Guarded<BYTE>& answer, DWORD& length)
+    {
+        length = static_cast<DWORD>(answer.size());
+        return SCardTransmit(handle, &g_rgSCardT1Pci, command.data(), static_cast<DWORD>(command.size()), nullptr,
+                             answer.data(), &length);
+    }
+
+    // The 0x40 frames the host sent to a slot.
+    std::vector<std::vector<uint8_t>> commandsTo(int address)
+    {
+        std::vector<std::vector<uint8_t>> frames;
+        for (auto& frame : framesTo(wireLog(device_), address))
+            if (frame[3] == 0x40) frames.push_back(frame);
+        return frames;
+    }
+
+    int device_ = -1;
+    SCARDHANDLE handle_ = 0, other_ = 0;
+    Reader* reader_ = nullptr;
+    Rack* rack_ = nullptr;
+};
+
+TEST_F(TransmitTest, ArgumentsAreCheckedBeforeAnythingGoesOut)
+{
+    startReaders();
+    BYTE answer[16];
+    DWORD length = 16;
+    const BYTE* command = kSelect.data();
+
+    EXPECT_EQ(SCardTransmit(handle_, nullptr, command, 4, nullptr, answer, &length), SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, nullptr, 4, nullptr, answer, &length),
+              SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, command, 4, nullptr, nullptr, &length),
+              SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, command, 4, nullptr, answer, nullptr),
+              SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(length, 16u);
+    EXPECT_EQ(logText(), std::string("SCardTransmit\ninvalid param\n") + "SCardTransmit\ninvalid param\n" +
+                             "SCardTransmit\ninvalid param\n" + "SCardTransmit\ninvalid param\n");
+
+    clearLog();
+    std::vector<uint8_t> tooLong(256, 0x11);
+    length = 300;
+    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, tooLong.data(), 256, nullptr, answer, &length),
+              SCARD_E_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(length, 300u);
+    EXPECT_EQ(logText(), "SCardTransmit\ninvalid length, cbSend: 256, pcbRecv: 300\n");
+
+    clearLog();
+    EXPECT_EQ(SCardTransmit(0x1234, &g_rgSCardT1Pci, command, 4, nullptr, answer, &length), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(length, 300u);
+    EXPECT_EQ(logText(), "SCardTransmit\n");
+    EXPECT_TRUE(wireLog(device_).empty());
+}
+
+TEST_F(TransmitTest, AShortAnswerComesBackWithItsTraces)
+{
+    startReaders();
+    Guarded<BYTE> answer(16);
+    DWORD length = 0;
+
+    EXPECT_EQ(transmit(handle_, kSelect, answer, length), SCARD_S_SUCCESS);
+    EXPECT_EQ(length, 2u);
+    EXPECT_EQ(answer.contents(2), (std::vector<uint8_t>{0x90, 0x00}));
+    EXPECT_EQ(commandsTo(1), (std::vector<std::vector<uint8_t>>{{0x55, 0x01, 0x04, 0x40, 0x00, 0xA4, 0x04, 0x00, 0xBE}}));
+    EXPECT_TRUE(containsInOrder(logText(), {"SCardTransmit\n", "Tessel A1 R1 Transmit - 00 a4 04 00 \n",
+                                            "Finished write\n", "Has sent\n", "Tessel A1 R1 Answer - 90 00 \n"}))
+        << logText();
+    EXPECT_EQ(reader_->incoming.arrived.load(), 0u) << "the exchange is finished";
+    EXPECT_EQ(reader_->blocked.load(), 0u);
+
+    // An empty command is a frame with the command byte alone.
+    const BYTE nothing[1] = {0xFF};
+    length = static_cast<DWORD>(answer.size());
+    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, nothing, 0, nullptr, answer.data(), &length), SCARD_S_SUCCESS);
+    auto frames = commandsTo(1);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[1], (std::vector<uint8_t>{0x55, 0x01, 0x00, 0x40, 0x6A}));
+}
+
+TEST_F(TransmitTest, LongestCommandAndExtendedAnswersPassWhole)
+{
+    startReaders();
+    rackSimSetEcho(device_, 1);
+    std::vector<uint8_t> command(255);
+    std::iota(command.begin(), command.end(), 0);
+    Guarded<BYTE> answer(2048);
+    DWORD length = 0;
+
+    EXPECT_EQ(transmit(handle_, command, answer, length), SCARD_S_SUCCESS);
+    EXPECT_EQ(length, 255u);
+    EXPECT_EQ(answer.contents(255), command);
+    ASSERT_EQ(commandsTo(1).size(), 1u);
+    EXPECT_EQ(commandsTo(1)[0].size(), 260u);
+
+    for (size_t size : {size_t(256), size_t(1000)}) {
+        std::vector<uint8_t> data(size);
+        for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(i * 7 + 3);
+        rackSimSetFixedAnswer(device_, 1, data.data(), static_cast<int>(size));
+        Guarded<BYTE> big(size);
+        EXPECT_EQ(transmit(handle_, kSelect, big, length), SCARD_S_SUCCESS) << size;
+        EXPECT_EQ(length, size);
+        EXPECT_EQ(big.contents(size), data);
+        EXPECT_TRUE(big.guardIntact());
+    }
+}
+
+TEST_F(TransmitTest, AnAnswerLongerThanTheBufferIsCutAndReportedWhole)
+{
+    startReaders();
+    std::vector<uint8_t> data(300);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i);
+    rackSimSetFixedAnswer(device_, 1, data.data(), 300);
+
+    Guarded<BYTE> small(100);
+    DWORD length = 0;
+    EXPECT_EQ(transmit(handle_, kSelect, small, length), SCARD_E_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(length, 300u);
+    EXPECT_EQ(small.contents(100), std::vector<uint8_t>(data.begin(), data.begin() + 100));
+    EXPECT_TRUE(small.guardIntact());
+
+    // The exchange is over: the next command gets its own answer.
+    rackSimSetEcho(device_, 1);
+    Guarded<BYTE> answer(16);
+    EXPECT_EQ(transmit(handle_, kSelect, answer, length), SCARD_S_SUCCESS);
+    EXPECT_EQ(answer.contents(length), kSelect);
+}
+
+TEST_F(TransmitTest, AnEmptyAnswerEndsLikeATimeOut)
+{
+    startReaders();
+    rackSimSetSlotFault(device_, 1, RACKSIM_EMPTY_ANSWER, 1);
+    Guarded<BYTE> answer(16);
+    DWORD length = 0;
+
+    EXPECT_EQ(transmit(handle_, kSelect, answer, length), SCARD_E_TIMEOUT);
+    EXPECT_EQ(length, 0u);
+    EXPECT_TRUE(answer.untouched());
+    // The first entry has no line end; the answer line runs on behind it.
+    EXPECT_NE(logText().find("Tessel A1 R1 1C/1D TimeoutTessel A1 R1 Answer - \n"), std::string::npos) << logText();
+    EXPECT_FALSE(rack_->isLocked());
+}
+
+TEST_F(TransmitTest, NoAnswerTimesOutAndALateAnswerIsNotTakenForTheNext)
+{
+    startReaders();
+    const std::vector<uint8_t> first = {0x80, 0x01}, second = {0x80, 0x02};
+    const std::vector<uint8_t> firstAnswer = {0xA1, 0x90, 0x00}, secondAnswer = {0xA2, 0x90, 0x00};
+    rackSimAddTableEntry(device_, 1, first.data(), 2, firstAnswer.data(), 3);
+    rackSimAddTableEntry(device_, 1, second.data(), 2, secondAnswer.data(), 3);
+    // The card works longer than the 40 s answer wait (2 s at this scale).
+    rackSimSetCardDelayMs(device_, 1, 40000 / kTimeScale + 500);
+
+    Guarded<BYTE> answer(16);
+    DWORD length = 99;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(transmit(handle_, first, answer, length), SCARD_E_TIMEOUT);
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(38000 / kTimeScale)) << "39 to 40 s of library time";
+    EXPECT_EQ(length, 0u);
+    EXPECT_TRUE(answer.untouched());
+    const std::string text = logText();
+    EXPECT_NE(text.find("Tessel A1 R1 Timeout - "), std::string::npos);
+    EXPECT_EQ(text.substr(text.size() - 5), "uSec\n");
+    // The acknowledge freed the lock long ago; the card is still at work.
+    EXPECT_FALSE(rack_->isLocked());
+    EXPECT_EQ(reader_->blocked.load(), 0u);
+
+    // The late answer lands in the mailbox; the next exchange clears it
+    // first and waits for its own.
+    ASSERT_TRUE(waitUntil([&] { return reader_->incoming.arrived.load() != 0; }, std::chrono::seconds(5)));
+    rackSimSetCardDelayMs(device_, 1, 0);
+    EXPECT_EQ(transmit(handle_, second, answer, length), SCARD_S_SUCCESS);
+    EXPECT_EQ(answer.contents(length), secondAnswer);
+}
+
+TEST_F(TransmitTest, ASilentSlotTimesOutAndGivesTheRackLockBack)
+{
+    startReaders();
+    rackSimSetSlotFault(device_, 1, RACKSIM_NO_ACK, 1);
+    Guarded<BYTE> answer(16);
+    DWORD length = 0;
+
+    EXPECT_EQ(transmit(handle_, kSelect, answer, length), SCARD_E_TIMEOUT);
+    EXPECT_EQ(length, 0u);
+    EXPECT_FALSE(rack_->isLocked()) << "no acknowledge came; the exchange itself frees the lock";
+    EXPECT_TRUE(containsInOrder(logText(), {"Has sent\n", "Checkingmatch", "Tessel A1 R1 Timeout - "})) << logText();
+
+    // Both slots work again.
+    EXPECT_EQ(transmit(other_, kSelect, answer, length), SCARD_S_SUCCESS);
+    EXPECT_EQ(transmit(handle_, kSelect, answer, length), SCARD_S_SUCCESS);
+}
+
+TEST_F(TransmitTest, TheAnswerWaitEndsAcrossTheWrapOfTheTickCounter)
+{
+    startReaders();
+    rackSimSetSlotFault(device_, 1, RACKSIM_NO_ANSWER, 1);
+    // Place the wrap of the 32-bit millisecond counter one second of
+    // library time into the wait.
+    platform::testing::setTickOffset(0);
+    platform::testing::setTickOffset(0u - 1000u - platform::tickCount());
+
+    Guarded<BYTE> answer(16);
+    DWORD length = 0;
+    auto start = std::chrono::steady_clock::now();
+    LONG result = transmit(handle_, kSelect, answer, length);
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    platform::testing::setTickOffset(0);
+
+    EXPECT_EQ(result, SCARD_E_TIMEOUT);
+    EXPECT_GE(elapsed, std::chrono::milliseconds(38000 / kTimeScale)) << "not cut short by the wrap";
+    // The last clock reading was taken after the wrap: a small second count.
+    const std::string text = logText();
+    size_t at = text.find("Tessel A1 R1 Timeout - ");
+    ASSERT_NE(at, std::string::npos);
+    unsigned long seconds = std::stoul(text.substr(at + std::string("Tessel A1 R1 Timeout - ").size()));
+    EXPECT_LT(seconds, 100u) << text.substr(at);
+}
+
+TEST_F(TransmitTest, AFrameThatNeverLeavesRunsOutTheWriteWait)
+{
+    startReaders();
+    rackSimSetDeviceFault(device_, RACKSIM_WRITE_FAILS, 1);
+    Guarded<BYTE> answer(16);
+    DWORD length = 77;
+
+    EXPECT_EQ(transmit(handle_, kSelect, answer, length), SCARD_E_TIMEOUT);
+    rackSimSetDeviceFault(device_, RACKSIM_WRITE_FAILS, 0);
+    EXPECT_EQ(length, 16u) << "the length is not written";
+    const std::string text = logText();
+    EXPECT_EQ(countOf(text, "waiting for send\n"), 120001u);
+    EXPECT_NE(text.find("Tessel A1 R1 : too long waiting for write the rack lock is 0 msg buffer is 0 and reader is 0\n"),
+              std::string::npos);
+    EXPECT_EQ(text.find("Has sent"), std::string::npos);
+    EXPECT_FALSE(rack_->isLocked());
+
+    EXPECT_EQ(transmit(other_, kSelect, answer, length), SCARD_S_SUCCESS);
+}
+
+}  // namespace
+}  // namespace pcsc_test
