@@ -4,6 +4,7 @@
 // one-message-at-a-time rule.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "reader/reader.h"
@@ -102,19 +103,30 @@ TEST_F(Dispatch, ReaderQueuedTwiceSendsWhatItsMailboxHoldsAtEachTurn)
 TEST_F(Dispatch, ManySendersAtOnceLeaveNoMessageStrandedAndKeepOneMessageOnTheBus)
 {
     constexpr int kSlots = 16, kThreads = 8, kRequestsPerSlot = 40;
-    startRack(kSlots);
+    device_ = addRack("DSP", kSlots);
+    for (int a = 1; a <= kSlots; ++a) insertCard(device_, a, atrT0());
+    startLibrary(1);
+    rack_ = g_racks[0];
     long long before = rackSimCounter(device_, RACKSIM_FRAMES_FROM_HOST);
+
+    // Like the exchanges of the API, a slot's next message is queued only
+    // once the answer to its previous one is in: a slot queued again before
+    // that could have its lock freed by the late answer to the earlier one.
+    std::atomic<int> unanswered{0};
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; ++t)
         senders.emplace_back([&, t] {
             for (int i = 0; i < kRequestsPerSlot; ++i)
                 for (int a = t + 1; a <= kSlots; a += kThreads) {
-                    rack_->requestStatus(reader(a));
-                    std::this_thread::yield();
+                    Reader* slot = reader(a);
+                    slot->clearIncoming();
+                    rack_->requestStatus(slot);
+                    if (!waitUntil([&] { return slot->mailboxFull(false, true) != 0; })) ++unanswered;
                 }
         });
     for (auto& sender : senders) sender.join();
 
+    EXPECT_EQ(unanswered.load(), 0);
     const long long expected = before + kSlots * kRequestsPerSlot;
     ASSERT_TRUE(waitUntil([&] { return rackSimCounter(device_, RACKSIM_FRAMES_FROM_HOST) == expected && quiet(); }))
         << "frames sent: " << rackSimCounter(device_, RACKSIM_FRAMES_FROM_HOST) - before << " of "
