@@ -1,0 +1,88 @@
+#include "tools/rackscan/emulated_rack.h"
+
+#include "sim/rack_sim.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace rackscan {
+namespace {
+
+void putCard(const EmulatorSetup& setup, int device, int slot)
+{
+    std::vector<uint8_t> atr = setup.atr.empty() ? defaultEmulatedAtr() : setup.atr;
+    rackSimInsertCard(device, slot, atr.data(), static_cast<int>(atr.size()));
+}
+
+}  // namespace
+
+std::string emulatedSerial(int rack)
+{
+    char serial[16];
+    std::snprintf(serial, sizeof serial, "TR%04d", rack + 1);
+    return serial;
+}
+
+std::vector<uint8_t> defaultEmulatedAtr()
+{
+    return {0x3B, 0x8A, 0x80, 0x01, 0x54, 0x65, 0x73, 0x73, 0x65, 0x6C, 0x52, 0x61, 0x63, 0x6B, 0x08};
+}
+
+void setUpEmulatedRacks(const EmulatorSetup& setup)
+{
+    rackSimReset();
+    for (int rack = 0; rack < setup.racks; ++rack) {
+        int device = rackSimAddDevice("Smart Card Rack", emulatedSerial(rack).c_str());
+        rackSimAddSlots(device, 1, setup.slotsPerRack);
+        for (int slot = 1; slot <= setup.slotsPerRack; ++slot) {
+            if (setup.echo) rackSimSetEcho(device, slot);
+            if (slot <= setup.cardsPerRack)
+                putCard(setup, device, slot);
+            else if (slot <= setup.cardsPerRack + setup.muteCardsPerRack)
+                rackSimMuteCard(device, slot);
+        }
+    }
+}
+
+int EmulatedCardEvents::start(int delayMs, int thenRemoveAfterMs)
+{
+    stop();
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        stopping_ = false;
+    }
+    int used = setup_.cardsPerRack + setup_.muteCardsPerRack + 1;
+    bool insertFirst = used <= setup_.slotsPerRack;
+    if (!insertFirst) used = setup_.slotsPerRack;
+    thread_ = std::thread([this, used, insertFirst, delayMs, thenRemoveAfterMs] {
+        if (!pause(delayMs)) return;
+        if (insertFirst)
+            putCard(setup_, 0, used);
+        else
+            rackSimRemoveCard(0, used);
+        if (thenRemoveAfterMs < 0 || !pause(thenRemoveAfterMs)) return;
+        if (insertFirst)
+            rackSimRemoveCard(0, used);
+        else
+            putCard(setup_, 0, used);
+    });
+    return used;
+}
+
+void EmulatedCardEvents::stop()
+{
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable()) thread_.join();
+}
+
+bool EmulatedCardEvents::pause(int milliseconds)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return !wake_.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return stopping_; });
+}
+
+}  // namespace rackscan
