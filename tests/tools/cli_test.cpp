@@ -1,0 +1,162 @@
+// rackscan run as a user runs it: the built program as a subprocess, its
+// standard output and error taken together, and its exit status.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Outcome {
+    int status = -1;
+    std::string output;
+};
+
+std::string quoted(const std::string& arg)
+{
+    std::string text = "'";
+    for (char c : arg) text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return text + "'";
+}
+
+Outcome rackscan(const std::vector<std::string>& args)
+{
+    std::string command = RACKSCAN_BINARY;
+    for (const std::string& arg : args) command += " " + quoted(arg);
+    command += " 2>&1 </dev/null";
+    Outcome run;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return run;
+    char chunk[4096];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) run.output.append(chunk, n);
+    int raw = pclose(pipe);
+    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return run;
+}
+
+bool mentions(const Outcome& run, const std::string& part) { return run.output.find(part) != std::string::npos; }
+
+// The library is loaded only after the whole command line was accepted.
+bool loadedTheLibrary(const Outcome& run) { return mentions(run, "Loading "); }
+
+TEST(RackscanArguments, HelpListsTheCommandsAndExitsZero)
+{
+    Outcome run = rackscan({"--help"});
+    EXPECT_EQ(run.status, 0) << run.output;
+    for (const char* part : {"usage: rackscan", "list", "watch", "send <reader> <apdu>", "log", "demo", "--racks"})
+        EXPECT_TRUE(mentions(run, part)) << part << "\n" << run.output;
+    EXPECT_FALSE(loadedTheLibrary(run));
+}
+
+TEST(RackscanArguments, BadCommandLinesExitTwoBeforeLoadingTheLibrary)
+{
+    const struct {
+        std::vector<std::string> args;
+        const char* message;
+    } cases[] = {
+        {{}, "no command given"},
+        {{"scan"}, "unknown command \"scan\""},
+        {{"list", "--bogus"}, "unknown option --bogus"},
+        {{"send", "Tessel TR0001 R1"}, "at least one APDU"},
+        {{"send", "Tessel TR0001 R1", "00A"}, "bad APDU: \"00A\" has an odd number of hex digits"},
+        {{"send", "Tessel TR0001 R1", "00 A4 0G"}, "'G' at position 8"},
+        {{"send", "Tessel TR0001 R1", std::string(600, 'A')}, "longer than 255 bytes"},
+        {{"watch", "--seconds", "soon"}, "--seconds needs a whole number"},
+        {{"list", "--lines", "4"}, "--lines does not apply to the list command"},
+    };
+    for (const auto& c : cases) {
+        Outcome run = rackscan(c.args);
+        EXPECT_EQ(run.status, 2) << run.output;
+        EXPECT_EQ(run.output.rfind("rackscan: ", 0), 0u) << run.output;
+        EXPECT_TRUE(mentions(run, c.message)) << run.output;
+        EXPECT_TRUE(mentions(run, "rackscan --help")) << run.output;
+        EXPECT_FALSE(loadedTheLibrary(run)) << run.output;
+    }
+}
+
+class RackscanLog : public ::testing::Test {
+protected:
+    void TearDown() override { std::remove(path_.c_str()); }
+    std::string path_ = ::testing::TempDir() + "rackscan_log_test_" + std::to_string(getpid()) + ".log";
+};
+
+TEST_F(RackscanLog, PrintsTheLastLinesOfTheLogFile)
+{
+    {
+        std::ofstream file(path_);
+        for (int i = 1; i <= 30; ++i) file << "22-11-2026 10:00:00  [" << i << "]\tentry " << i << "\n";
+        file << "no line end";
+    }
+    Outcome run = rackscan({"log", "--lines", "3", "--log-file", path_});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_TRUE(mentions(run, "last 3 of 31 lines")) << run.output;
+    EXPECT_TRUE(mentions(run, "entry 29\n")) << run.output;
+    EXPECT_TRUE(mentions(run, "entry 30\nno line end")) << run.output;
+    EXPECT_FALSE(mentions(run, "entry 28\n")) << run.output;
+    EXPECT_FALSE(loadedTheLibrary(run));
+}
+
+TEST_F(RackscanLog, AMissingLogFileIsAnError)
+{
+    Outcome run = rackscan({"log", "--log-file", path_ + ".absent"});
+    EXPECT_EQ(run.status, 1) << run.output;
+    EXPECT_TRUE(mentions(run, "cannot read the trace log")) << run.output;
+}
+
+// The runs below load the library against the emulated rack and wait for
+// the real bring-up, several seconds each, so there are few of them.
+
+TEST(RackscanOnTheEmulatedRack, ListShowsEveryReaderOfEveryRackWithItsCard)
+{
+    Outcome run = rackscan({"list", "--racks", "2", "--slots", "3", "--cards", "2", "--atr", "3B 02 14 50"});
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_TRUE(mentions(run, "Waiting for the racks to come up")) << run.output;
+    EXPECT_TRUE(mentions(run, "Ready after ")) << run.output;
+    for (const char* rack : {"TR0001", "TR0002"}) {
+        for (int slot = 1; slot <= 2; ++slot)
+            EXPECT_TRUE(mentions(run, "Tessel " + std::string(rack) + " R" + std::to_string(slot) + "  card     3B 02 14 50\n"))
+                << rack << " R" << slot << "\n" << run.output;
+        EXPECT_TRUE(mentions(run, "Tessel " + std::string(rack) + " R3  no card  -\n")) << run.output;
+    }
+    EXPECT_TRUE(mentions(run, "6 readers: 4 with a card, 0 mute, 2 empty")) << run.output;
+}
+
+TEST(RackscanOnTheEmulatedRack, AnUnknownReaderIsNamedAsTheLibrarysError)
+{
+    Outcome run = rackscan({"send", "Tessel TR0001 R9", "00A4040000"});
+    EXPECT_EQ(run.status, 1) << run.output;
+    EXPECT_TRUE(mentions(run, "SCardConnectA to \"Tessel TR0001 R9\" failed: SCARD_E_READER_UNAVAILABLE (0x80100017)"))
+        << run.output;
+    // The user is shown the names that do exist.
+    EXPECT_TRUE(mentions(run, "  Tessel TR0001 R4\n")) << run.output;
+    EXPECT_FALSE(mentions(run, "> 00 A4")) << run.output;
+}
+
+TEST(RackscanOnTheEmulatedRack, SendPrintsEachAnswerWithItsStatusWord)
+{
+    Outcome run = rackscan({"send", "--echo", "Tessel TR0001 R2", "00A4040002 3F00", "80CA9F7F00"});
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_TRUE(mentions(run, "Connected to Tessel TR0001 R2")) << run.output;
+    // An echoing card answers with the command, so its last two bytes come
+    // back as the status word.
+    EXPECT_TRUE(mentions(run, "> 00 A4 04 00 02 3F 00\n< 00 A4 04 00 02 3F 00\n  SW 3F00, 7 bytes in ")) << run.output;
+    EXPECT_TRUE(mentions(run, "> 80 CA 9F 7F 00\n< 80 CA 9F 7F 00\n  SW 7F00, 5 bytes in ")) << run.output;
+}
+
+TEST(RackscanOnTheEmulatedRack, DemoShowsReadersACardEventAndAnExchange)
+{
+    Outcome run = rackscan({"demo"});
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_TRUE(mentions(run, "Tessel TR0001 R1  card     3B 8A 80 01")) << run.output;
+    EXPECT_TRUE(mentions(run, "Tessel TR0001 R3: card inserted, ATR 3B 8A 80 01")) << run.output;
+    EXPECT_TRUE(mentions(run, "Connected to Tessel TR0001 R3")) << run.output;
+    EXPECT_TRUE(mentions(run, "< 90 00\n  SW 9000, 2 bytes in ")) << run.output;
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+#include "tools/rackscan/options.h"
+
+#include <gtest/gtest.h>
+
+namespace rackscan {
+namespace {
+
+Options accepted(const std::vector<std::string>& args, bool withEmulator = true)
+{
+    Options options;
+    std::string error;
+    EXPECT_TRUE(parseCommandLine(args, withEmulator, options, error)) << error;
+    return options;
+}
+
+std::string refused(const std::vector<std::string>& args, bool withEmulator = true)
+{
+    Options options;
+    std::string error;
+    EXPECT_FALSE(parseCommandLine(args, withEmulator, options, error));
+    EXPECT_FALSE(error.empty());
+    return error;
+}
+
+bool mentions(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+TEST(CommandLine, SendTakesAReaderAndItsApdusInOrder)
+{
+    Options options = accepted({"send", "Tessel TR0001 R1", "00A4040000", "00 84 00 00 08"});
+    EXPECT_EQ(options.command, Command::Send);
+    EXPECT_EQ(options.reader, "Tessel TR0001 R1");
+    ASSERT_EQ(options.apdus.size(), 2u);
+    EXPECT_EQ(options.apdus[0], (std::vector<uint8_t>{0x00, 0xA4, 0x04, 0x00, 0x00}));
+    EXPECT_EQ(options.apdus[1], (std::vector<uint8_t>{0x00, 0x84, 0x00, 0x00, 0x08}));
+}
+
+TEST(CommandLine, OptionsStandBeforeOrAfterTheCommandWithOrWithoutEquals)
+{
+    Options before = accepted({"--racks", "3", "--slots=12", "list"});
+    EXPECT_EQ(before.command, Command::List);
+    EXPECT_EQ(before.emulator.racks, 3);
+    EXPECT_EQ(before.emulator.slotsPerRack, 12);
+
+    Options after = accepted({"watch", "--seconds=7", "--demo-events", "--echo"});
+    EXPECT_EQ(after.command, Command::Watch);
+    EXPECT_EQ(after.watchSeconds, 7);
+    EXPECT_TRUE(after.demoEvents);
+    EXPECT_TRUE(after.emulator.echo);
+
+    Options log = accepted({"log", "--lines", "5", "--log-file", "/tmp/x.log"});
+    EXPECT_EQ(log.logLines, 5);
+    EXPECT_EQ(log.logFile, "/tmp/x.log");
+
+    Options atr = accepted({"list", "--atr", "3B 02 14 50"});
+    EXPECT_EQ(atr.emulator.atr, (std::vector<uint8_t>{0x3B, 0x02, 0x14, 0x50}));
+
+    Options library = accepted({"demo", "--library", "/opt/libwinscard.so"});
+    EXPECT_EQ(library.libraryPath, "/opt/libwinscard.so");
+}
+
+TEST(CommandLine, HelpWinsOverEverythingElse)
+{
+    EXPECT_EQ(accepted({"--help"}).command, Command::Help);
+    EXPECT_EQ(accepted({"send", "-h"}).command, Command::Help);
+    EXPECT_EQ(accepted({"help"}).command, Command::Help);
+    EXPECT_EQ(accepted({"nonsense", "--help"}).command, Command::Help);
+}
+
+TEST(CommandLine, RefusesMissingOrUnknownCommands)
+{
+    EXPECT_TRUE(mentions(refused({}), "no command"));
+    EXPECT_TRUE(mentions(refused({"--racks", "2"}), "no command"));
+    EXPECT_TRUE(mentions(refused({"lsit"}), "unknown command \"lsit\""));
+    EXPECT_TRUE(mentions(refused({"list", "extra"}), "list takes no arguments"));
+    EXPECT_TRUE(mentions(refused({"demo", "now"}), "demo takes no arguments"));
+}
+
+TEST(CommandLine, RefusesUnknownOptionsAndMissingValues)
+{
+    EXPECT_TRUE(mentions(refused({"list", "--verbose"}), "unknown option --verbose"));
+    EXPECT_TRUE(mentions(refused({"list", "--slots"}), "--slots needs a value"));
+    EXPECT_TRUE(mentions(refused({"list", "--echo=1"}), "--echo takes no value"));
+    EXPECT_TRUE(mentions(refused({"list", "--library="}), "--library needs a path"));
+}
+
+TEST(CommandLine, RefusesNumbersOutOfRangeOrNotNumbers)
+{
+    for (const char* value : {"0", "17", "-1", "two", "", "1.5", "3x", "99999999999"})
+        EXPECT_TRUE(mentions(refused({"list", "--racks", value}), "--racks needs a whole number from 1 to 16"))
+            << value;
+    EXPECT_TRUE(mentions(refused({"list", "--slots", "241"}), "from 1 to 240"));
+    EXPECT_TRUE(mentions(refused({"watch", "--seconds", "0"}), "--seconds needs"));
+    EXPECT_TRUE(mentions(refused({"log", "--lines", "0"}), "--lines needs"));
+    EXPECT_EQ(accepted({"list", "--racks", "16", "--slots", "240"}).emulator.slotsPerRack, 240);
+}
+
+TEST(CommandLine, RefusesOptionsOfAnotherCommand)
+{
+    EXPECT_TRUE(mentions(refused({"list", "--lines", "3"}), "--lines does not apply to the list command"));
+    EXPECT_TRUE(mentions(refused({"send", "--seconds", "3", "R", "00"}), "--seconds does not apply to the send"));
+    EXPECT_TRUE(mentions(refused({"log", "--racks", "2"}), "--racks does not apply to the log command"));
+    EXPECT_TRUE(mentions(refused({"demo", "--demo-events"}), "does not apply to the demo command"));
+}
+
+TEST(CommandLine, SendRefusesMissingArgumentsAndBadHex)
+{
+    EXPECT_TRUE(mentions(refused({"send"}), "needs a reader name"));
+    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1"}), "at least one APDU"));
+    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1", "00A4040"}), "odd number of hex digits"));
+    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1", "0084", "00ZZ"}), "'Z' at position 3"));
+    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1", std::string(512, '0')}), "longer than 255 bytes"));
+    EXPECT_EQ(accepted({"send", "R", std::string(510, '0')}).apdus[0].size(), 255u);
+}
+
+TEST(CommandLine, EmulatorSetupMustFitTheRack)
+{
+    EXPECT_TRUE(mentions(refused({"list", "--slots", "2", "--cards", "3"}), "--cards 3 is more than the 2 slots"));
+    EXPECT_TRUE(mentions(refused({"list", "--slots", "4", "--cards", "3", "--mute", "2"}), "more than the 4 slots"));
+    EXPECT_TRUE(mentions(refused({"list", "--atr", "3B0"}), "bad --atr"));
+    EXPECT_TRUE(mentions(refused({"list", "--atr", std::string(66, 'A')}), "longer than 32 bytes"));
+
+    // Defaults that do not fit a small rack shrink to it.
+    Options small = accepted({"list", "--slots", "1"});
+    EXPECT_EQ(small.emulator.cardsPerRack, 1);
+    EXPECT_EQ(small.emulator.muteCardsPerRack, 0);
+    Options mixed = accepted({"list", "--slots", "5", "--cards", "1", "--mute", "4"});
+    EXPECT_EQ(mixed.emulator.cardsPerRack, 1);
+    EXPECT_EQ(mixed.emulator.muteCardsPerRack, 4);
+}
+
+TEST(CommandLine, WithoutTheEmulatorItsOptionsAreUnknown)
+{
+    for (const char* option : {"--racks", "--slots", "--cards", "--mute", "--atr"})
+        EXPECT_TRUE(mentions(refused({"list", option, "1"}, false), std::string("unknown option ") + option))
+            << option;
+    EXPECT_TRUE(mentions(refused({"list", "--echo"}, false), "no emulated rack"));
+    EXPECT_TRUE(mentions(refused({"watch", "--demo-events"}, false), "no emulated rack"));
+    EXPECT_EQ(accepted({"watch", "--seconds", "3", "--library", "winscard.dll"}, false).watchSeconds, 3);
+}
+
+TEST(CommandLine, UsageTextShowsTheEmulatorOptionsOnlyWhereTheyExist)
+{
+    std::string with = usageText(true);
+    std::string without = usageText(false);
+    for (const char* command : {"list", "watch", "send", "log", "demo"}) {
+        EXPECT_TRUE(mentions(with, std::string("  ") + command)) << command;
+        EXPECT_TRUE(mentions(without, std::string("  ") + command)) << command;
+    }
+    EXPECT_TRUE(mentions(with, "--racks"));
+    EXPECT_FALSE(mentions(without, "--racks"));
+}
+
+}  // namespace
+}  // namespace rackscan
