@@ -123,6 +123,9 @@ bool listReaderNames(const Session& session, std::vector<std::string>& names)
     }
     if (result != SCARD_S_SUCCESS) {
         failCall("SCardListReadersA", result);
+        if (result == SCARD_E_NO_READERS_AVAILABLE)
+            std::cerr << "No rack was found: the library opens each FTDI device described as \"Smart Card Rack\" "
+                         "when it is loaded, and lists its populated slots." << std::endl;
         return false;
     }
     names.clear();
