@@ -9,3 +9,7 @@ set(CMAKE_FIND_ROOT_PATH /usr/i686-w64-mingw32)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+# dlltool makes the import library of FTD2XX.dll from its ordinals;
+# objdump reads the finished DLL's tables in the Wine stage.
+set(CMAKE_DLLTOOL i686-w64-mingw32-dlltool)
+set(CMAKE_OBJDUMP i686-w64-mingw32-objdump)
