@@ -1,0 +1,131 @@
+#!/usr/bin/env bash
+# The Windows stage: checks the tables of the cross-built modules, then runs
+# the 32-bit test host under Wine against winscard.dll and the rack emulator
+# built as FTD2XX.dll.
+#
+#   scripts/test-wine.sh <build dir of the i686 mingw-w64 build>
+#
+# Builds nothing: the build dir must already hold windows/winscard.dll,
+# windows/FTD2XX.dll and windows/winscard_host.exe. Every run gets a Wine
+# prefix of its own under build/, removed at the end (KEEP_WINE_PREFIX=1
+# keeps it for a look at the log). Every step is bounded by a time-out, so
+# a hang fails the stage instead of stopping CI.
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+root=$(pwd)
+build=${1:?usage: test-wine.sh <build dir>}
+case "$build" in /*) ;; *) build="$root/$build" ;; esac
+modules="$build/windows"
+
+echo "--- tables of the modules (objdump)"
+bash "$root/scripts/check-dll-tables.sh" "$modules"
+
+for tool in wine wineboot wineserver timeout; do
+  command -v "$tool" >/dev/null || { echo "test-wine: $tool not found (scripts/install-deps.sh installs Wine)" >&2; exit 1; }
+done
+
+mkdir -p "$root/build"
+prefix=$(mktemp -d "$root/build/wine-prefix.XXXXXX")
+export WINEPREFIX="$prefix"
+# A 32-bit prefix for 32-bit programs. Wine has a winscard of its own:
+# ours is forced (n = native). No Gecko or Mono: without their DLLs Wine
+# does not offer to install them. No debug channels, no display needed.
+export WINEARCH=win32
+export WINEDLLOVERRIDES="winscard=n;mscoree,mshtml="
+export WINEDEBUG=-all
+unset DISPLAY WAYLAND_DISPLAY
+
+cleanup() {
+  # Only the server of this run's own prefix is stopped.
+  timeout 30 wineserver -k >/dev/null 2>&1 || true
+  if [ "${KEEP_WINE_PREFIX:-0}" = 1 ]; then
+    echo "test-wine: prefix kept at $prefix"
+  else
+    rm -rf "$prefix"
+  fi
+}
+trap cleanup EXIT
+
+echo "--- Wine prefix $prefix"
+wine --version
+if ! timeout 300 wineboot --init >"$prefix.boot.log" 2>&1; then
+  echo "test-wine: wineboot failed or took more than 300 s:" >&2
+  cat "$prefix.boot.log" >&2
+  rm -f "$prefix.boot.log"
+  exit 1
+fi
+rm -f "$prefix.boot.log"
+
+# One folder for the host and both DLLs: the loader finds FTD2XX.dll beside
+# winscard.dll, and the host loads both from its own folder.
+run_dir="$prefix/drive_c/tessel"
+mkdir -p "$run_dir"
+cp "$modules/winscard.dll" "$modules/FTD2XX.dll" "$modules/winscard_host.exe" "$run_dir/"
+log_file="$prefix/drive_c/users/Public/Documents/QuorvaneDLL.log"
+
+failures=0
+summaries=()
+
+run_host() {  # label, host arguments...
+  local label=$1
+  shift
+  echo "--- Wine: $label"
+  rm -f "$log_file"
+  local output="$prefix/host-output.txt" status=0
+  timeout --kill-after=10 300 wine 'C:\tessel\winscard_host.exe' "$@" >"$output" 2>&1 || status=$?
+  tr -d '\r' <"$output"
+  local summary
+  summary=$(tr -d '\r' <"$output" | grep -E '^[0-9]+ passed, [0-9]+ failed$' | tail -1 || true)
+  if [ "$status" -eq 124 ] || [ "$status" -eq 137 ]; then
+    echo "FAIL: $label did not finish within 300 s"
+    failures=$((failures + 1))
+  elif [ "$status" -ne 0 ] || [ -z "$summary" ]; then
+    echo "FAIL: $label ended with status $status${summary:+ ($summary)}"
+    failures=$((failures + 1))
+  fi
+  summaries+=("$label: ${summary:-no summary}")
+}
+
+# Checks of the log made from outside the prefix, after the host has ended.
+log_check() {  # description, command...
+  local what=$1
+  shift
+  if "$@"; then
+    echo "PASS: $what"
+  else
+    echo "FAIL: $what"
+    failures=$((failures + 1))
+  fi
+}
+
+first_line_has_banner() { head -n 1 "$log_file" | grep -q 'QuorvaneTesselRack driver: 1\.2\.3'; }
+no_bare_line_feed() {
+  local line_feeds cr_lf
+  line_feeds=$(LC_ALL=C tr -cd '\n' <"$log_file" | wc -c)
+  cr_lf=$(LC_ALL=C grep -c $'\r$' "$log_file" || true)
+  [ "$line_feeds" -gt 0 ] && [ "$line_feeds" -eq "$cr_lf" ]
+}
+# The entry function's detach ran at process end: one line per rack.
+links_closed_at_exit() { [ "$(grep -c 'Disconnecting from card rack' "$log_file")" -eq 2 ]; }
+log_not_elsewhere() { [ -z "$(find "$prefix/drive_c" -name QuorvaneDLL.log ! -path "$log_file")" ]; }
+
+run_host "full session"
+log_check "the log is in the prefix's public documents folder" test -s "$log_file"
+if [ -s "$log_file" ]; then
+  log_check "the log's first line is the banner" first_line_has_banner
+  log_check "every line of the log ends in CR LF" no_bare_line_feed
+  log_check "at process end the entry function closed both racks' links" links_closed_at_exit
+  log_check "no log file anywhere else in the prefix" log_not_elsewhere
+fi
+
+run_host "no racks" no-racks
+
+echo
+echo "--- Wine stage summary"
+for line in "${summaries[@]}"; do echo "  $line"; done
+if [ "$failures" -ne 0 ]; then
+  echo "test-wine: $failures failure(s)"
+  exit 1
+fi
+echo "test-wine: all passed"
