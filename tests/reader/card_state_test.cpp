@@ -183,6 +183,11 @@ INSTANTIATE_TEST_SUITE_P(
                       WalkCase{{0x3B, 0x80, 0x80, 0x01}, 1, 3, "atr says 1\n"},        // T=0, then T=1
                       WalkCase{{0x3B, 0x81, 0x31, 0xFE, 0x45, 0x80}, 2, 2, "atr says 2\n"},
                       WalkCase{{0x3B, 0x80}, 0, 0, ""},                                // TD1 announced, missing
-                      WalkCase{{0x3B, 0x80, 0x80}, 1, 1, "atr says 1\n"}));            // TD2 announced, missing
+                      WalkCase{{0x3B, 0x80, 0x80}, 1, 1, "atr says 1\n"}),             // TD2 announced, missing
+    [](const ::testing::TestParamInfo<WalkCase>& info) {
+        std::string name = "Atr";
+        for (uint8_t b : info.param.atr) name += hexDump(&b, 1).substr(0, 2);
+        return name;
+    });
 
 }  // namespace
