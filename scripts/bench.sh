@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# The benchmark against the bus limit: builds natively, runs the emulator's
+# pacing check and the library benchmark in real time, and writes
+# build/bench/report.md with build/bench/exchanges.svg next to it.
+#
+#   scripts/bench.sh            run and write the report (about 2 minutes)
+#   scripts/bench.sh --quick    shorter windows, rougher figures (about 1 minute)
+#   scripts/bench.sh --publish  also copy the report into docs/performance.md
+#                               (between its markers) and docs/exchanges.svg
+#
+# BENCH_BUILD_DIR (default build/native), BENCH_OUT_DIR (default build/bench)
+# and BENCH_JOBS (default: all processors) change where and how it builds.
+# The figures are wall-clock: run it on an otherwise quiet machine.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=${BENCH_BUILD_DIR:-build/native}
+out=${BENCH_OUT_DIR:-build/bench}
+jobs=${BENCH_JOBS:-$(nproc 2>/dev/null || echo 2)}
+publish=no
+quick=()
+for arg in "$@"; do
+  case "$arg" in
+    --publish) publish=yes ;;
+    --quick) quick=(--quick) ;;
+    *) echo "usage: $0 [--quick] [--publish]" >&2; exit 2 ;;
+  esac
+done
+
+bash scripts/install-deps.sh
+
+echo "=== build ($build) ==="
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" -j "$jobs" --target sim_pacing pcsc_bench
+
+mkdir -p "$out"
+echo
+echo "=== emulator pacing ==="
+"$build/bench/sim_pacing" | tee "$out/sim_pacing.txt"
+
+echo
+echo "=== library against the bus limit ==="
+"$build/bench/pcsc_bench" --out "$out" "${quick[@]}"
+
+{
+  echo
+  echo "## Emulator pacing check"
+  echo
+  echo "The emulator's own byte rate and latency with wire pacing on (bench/sim_pacing):"
+  echo
+  echo '```'
+  cat "$out/sim_pacing.txt"
+  echo '```'
+} >>"$out/report.md"
+echo
+echo "report: $out/report.md, plot: $out/exchanges.svg"
+
+if [ "$publish" = yes ]; then
+  doc=docs/performance.md
+  begin='<!-- latest numbers: begin -->'
+  end='<!-- latest numbers: end -->'
+  if ! grep -qF "$begin" "$doc" || ! grep -qF "$end" "$doc"; then
+    echo "bench: $doc lacks the markers; not published" >&2
+    exit 1
+  fi
+  # The report's own title is left out: the document has its own.
+  awk -v begin="$begin" -v end="$end" -v report="$out/report.md" '
+    $0 == begin { print; print ""; first = 1
+                  while ((getline line < report) > 0) {
+                    if (first && line ~ /^# /) { first = 0; continue }
+                    first = 0
+                    sub(/^## /, "### ", line)
+                    print line
+                  }
+                  print ""; skipping = 1; next }
+    $0 == end   { skipping = 0 }
+    !skipping   { print }
+  ' "$doc" >"$doc.new"
+  mv "$doc.new" "$doc"
+  cp "$out/exchanges.svg" docs/exchanges.svg
+  echo "published to $doc and docs/exchanges.svg"
+fi
