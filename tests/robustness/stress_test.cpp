@@ -1,0 +1,302 @@
+// Stress: many host threads in the API at once. Two racks of 32 readers
+// with echo cards, 32 threads each exchanging with a reader of its own; and
+// the bring-up of two racks while host threads already list readers, ask
+// for status changes and establish contexts.
+#include "robustness_support.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "platform/test_seam.h"
+
+// Under a sanitizer every exchange costs many times more, and the answer
+// wait polls without sleeping; there the threads do fewer exchanges each,
+// with the same number of threads, racks and readers. The native build
+// runs the full count.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TESSEL_ROBUSTNESS_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TESSEL_ROBUSTNESS_SANITIZED 1
+#endif
+#endif
+
+namespace robustness {
+namespace {
+
+using test_support::waitUntil;
+
+#ifdef TESSEL_ROBUSTNESS_SANITIZED
+constexpr int kExchangesPerThread = 100;
+#else
+constexpr int kExchangesPerThread = 500;
+#endif
+constexpr int kThreads = 32;
+constexpr int kSlotsPerRack = 32;
+
+class Stress : public test_support::RackFixture {
+protected:
+    int echoRack(const std::string& serial, int slots)
+    {
+        int device = addRack(serial, slots);
+        for (int a = 1; a <= slots; ++a) {
+            insertCard(device, a, test_support::atrT1());
+            rackSimSetEcho(device, a);
+        }
+        return device;
+    }
+
+    // Thousands of exchanges write hundreds of thousands of trace entries;
+    // nothing here reads them, so they go nowhere.
+    void discardLog()
+    {
+        platform::testing::setLogFilePath("/dev/null");
+        std::lock_guard<platform::ExclusiveLock> guard(g_logLock);
+        g_logPath.clear();
+    }
+};
+
+// Thread `thread`'s command number `n`: both numbers in the head, then a
+// length and a filling that depend on both, so that no two commands of the
+// run are equal and an answer names the command it belongs to.
+Bytes stressCommand(int thread, int n)
+{
+    Bytes command{0x80, 0x42, static_cast<uint8_t>(thread), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
+    const size_t extra = static_cast<size_t>((thread * 7 + n) % 48);
+    for (size_t i = 0; i < extra; ++i) command.push_back(static_cast<uint8_t>(thread * 31 + n * 3 + i));
+    return command;
+}
+
+TEST_F(Stress, ThirtyTwoThreadsOnTwoRacksGetEveryAnswerOnceAndOnlyTheirOwn)
+{
+    const int devices[2] = {echoRack("S1", kSlotsPerRack), echoRack("S2", kSlotsPerRack)};
+    startLibrary(2);
+    if (HasFatalFailure()) return;
+    discardLog();
+    for (int device : devices) rackSimClearWireLog(device);
+
+    // Thread t works on rack t % 2, on the slot t / 2 + 1: 16 readers of
+    // each rack, every thread on its own.
+    struct Tally {
+        int answered = 0;    // its own command came back whole
+        int failed = 0;      // the call did not succeed
+        int foreign = 0;     // the answer was another command of the run
+        int damaged = 0;     // the answer was no command of the run
+    };
+    std::vector<Tally> tallies(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &tallies] {
+            const std::string name = readerName(t % 2 == 0 ? "S1" : "S2", t / 2 + 1);
+            SCARDHANDLE handle = 0;
+            DWORD active = 0;
+            if (SCardConnectA(1, name.c_str(), SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle, &active) !=
+                SCARD_S_SUCCESS) {
+                tallies[t].failed = kExchangesPerThread;
+                return;
+            }
+            for (int n = 0; n < kExchangesPerThread; ++n) {
+                const Bytes command = stressCommand(t, n);
+                Exchange e = transmit(handle, command, 64);
+                Tally& tally = tallies[t];
+                if (e.result != SCARD_S_SUCCESS) {
+                    ++tally.failed;
+                } else if (e.answer() == command) {
+                    ++tally.answered;
+                } else {
+                    const Bytes answer = e.answer();
+                    bool ofTheRun = answer.size() >= 5 && answer[0] == 0x80 && answer[1] == 0x42 &&
+                                    answer[2] < kThreads &&
+                                    answer == stressCommand(answer[2], (answer[3] << 8) | answer[4]);
+                    ++(ofTheRun ? tally.foreign : tally.damaged);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+
+    int answered = 0;
+    for (int t = 0; t < kThreads; ++t) {
+        const Tally& tally = tallies[t];
+        EXPECT_EQ(tally.answered, kExchangesPerThread) << "thread " << t;
+        EXPECT_EQ(tally.failed, 0) << "thread " << t;
+        EXPECT_EQ(tally.foreign, 0) << "thread " << t << ": answers delivered to the wrong caller";
+        EXPECT_EQ(tally.damaged, 0) << "thread " << t;
+        answered += tally.answered;
+    }
+    EXPECT_EQ(answered, kThreads * kExchangesPerThread);
+
+    // Each command went out exactly once, to its own slot, and the cards
+    // answered exactly as many as were sent, one message at a time per bus.
+    long long cardAnswers = 0;
+    for (int r = 0; r < 2; ++r) {
+        const int device = devices[r];
+        cardAnswers += rackSimCounter(device, RACKSIM_COMMANDS_ANSWERED);
+        EXPECT_EQ(rackSimCounter(device, RACKSIM_COMMANDS_ANSWERED), kThreads / 2 * kExchangesPerThread) << r;
+        EXPECT_EQ(rackSimCounter(device, RACKSIM_BUS_VIOLATIONS), 0) << r;
+        EXPECT_EQ(rackSimCounter(device, RACKSIM_BAD_FRAMES_FROM_HOST), 0) << r;
+        std::vector<int> perSlot(kSlotsPerRack + 1, 0);
+        for (const Bytes& frame : wireLog(device))
+            if (frame.size() >= 5 && frame[3] == 0x40 && frame[1] >= 1 && frame[1] <= kSlotsPerRack) {
+                ++perSlot[frame[1]];
+                // The command in the frame is the one of the thread on that slot.
+                EXPECT_EQ(frame[6], static_cast<uint8_t>((frame[1] - 1) * 2 + r)) << "slot " << int(frame[1]);
+            }
+        for (int a = 1; a <= kSlotsPerRack; ++a)
+            EXPECT_EQ(perSlot[a], a <= kThreads / 2 ? kExchangesPerThread : 0) << "rack " << r << " slot " << a;
+        EXPECT_FALSE(g_racks[r]->isLocked());
+        EXPECT_EQ(g_racks[r]->queuedTurns(), 0u);
+    }
+    EXPECT_EQ(cardAnswers, kThreads * kExchangesPerThread);
+}
+
+// The names of a listing, as a list.
+std::vector<std::string> namesOf(const char* multiString, DWORD size)
+{
+    std::vector<std::string> names;
+    if (multiString == nullptr || size == 0) return names;
+    const char* end = multiString + size - 1;  // the closing NUL
+    for (const char* at = multiString; at < end; at += std::strlen(at) + 1) names.emplace_back(at);
+    return names;
+}
+
+TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
+{
+    const std::vector<uint8_t> atr = test_support::atrT1();
+    for (const char* serial : {"B1", "B2"}) {
+        int device = addRack(serial, kSlotsPerRack);
+        for (int a = 1; a <= kSlotsPerRack; a += 2) insertCard(device, a, atr);
+    }
+    // Every reader the two racks will have, in the order of a listing.
+    std::vector<std::string> everyReader;
+    for (const char* serial : {"B1", "B2"})
+        for (int a = 1; a <= kSlotsPerRack; ++a) everyReader.push_back(readerName(serial, a));
+
+    std::atomic<bool> stop{false};
+    std::atomic<bool> discoveryOver{false};
+    std::atomic<int> started{0};  // threads that have entered their first call
+    std::mutex problemsGuard;
+    std::vector<std::string> problems;
+    auto problem = [&](const std::string& text) {
+        std::lock_guard<std::mutex> guard(problemsGuard);
+        if (problems.size() < 20) problems.push_back(text);
+    };
+    std::atomic<int> listings{0}, statusCalls{0}, contexts{0};
+
+    // A listing is, at every moment, the readers made so far: for each rack
+    // in discovery order, its first readers in address order. It never
+    // shrinks, and the size it reports is its own.
+    auto lister = [&](int id) {
+        size_t seen = 0;
+        ++started;
+        while (!stop) {
+            char* block = nullptr;
+            DWORD size = SCARD_AUTOALLOCATE;
+            LONG result = SCardListReadersA(1, nullptr, reinterpret_cast<char*>(&block), &size);
+            std::vector<std::string> names;
+            if (result == SCARD_S_SUCCESS) {
+                names = namesOf(block, size);
+                size_t length = 0;
+                for (const std::string& n : names) length += n.size() + 1;
+                if (length + 1 != size || block[size - 1] != '\0')
+                    problem("listing " + std::to_string(id) + ": size " + std::to_string(size));
+                SCardFreeMemory(1, block);
+            } else if (result != static_cast<LONG>(SCARD_E_NO_READERS_AVAILABLE)) {
+                problem("listing result " + std::to_string(result));
+            }
+            for (const std::string& serial : {std::string("B1"), std::string("B2")}) {
+                int expected = 1;
+                for (const std::string& n : names)
+                    if (n.compare(0, 9, "Tessel " + serial) == 0 && n != readerName(serial, expected++))
+                        problem("listing out of order: " + n);
+            }
+            std::vector<std::string> sorted = names;
+            std::sort(sorted.begin(), sorted.end());
+            if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) problem("listing twice a name");
+            for (const std::string& n : names)
+                if (std::find(everyReader.begin(), everyReader.end(), n) == everyReader.end())
+                    problem("unknown reader " + n);
+            if (names.size() < seen) problem("listing shrank");
+            seen = names.size();
+            ++listings;
+            std::this_thread::yield();
+        }
+        if (seen != everyReader.size()) problem("last listing had " + std::to_string(seen) + " readers");
+    };
+
+    // A status change on a reader gives an unknown reader until the reader
+    // is made, then no card until its status is collected, then the card
+    // with its ATR; never back.
+    auto watcher = [&](const std::string name) {
+        int stage = 0;  // 0 unknown, 1 empty, 2 present
+        ++started;
+        while (!stop) {
+            SCARD_READERSTATEA state{};
+            state.szReader = name.c_str();
+            state.dwCurrentState = SCARD_STATE_UNAWARE;
+            LONG result = SCardGetStatusChangeA(1, 0, &state, 1);
+            int now = -1;
+            if (result == static_cast<LONG>(SCARD_E_UNKNOWN_READER)) {
+                now = 0;
+            } else if (result == SCARD_S_SUCCESS && (state.dwEventState & SCARD_STATE_CHANGED)) {
+                if ((state.dwEventState & SCARD_STATE_EMPTY) && state.cbAtr == 0) now = 1;
+                if ((state.dwEventState & SCARD_STATE_PRESENT) && state.cbAtr == atr.size() &&
+                    std::equal(atr.begin(), atr.end(), state.rgbAtr))
+                    now = 2;
+            }
+            if (now < 0) problem(name + ": result " + std::to_string(result) + " state " +
+                                 std::to_string(state.dwEventState));
+            else if (now < stage) problem(name + ": went back to " + std::to_string(now));
+            else stage = now;
+            ++statusCalls;
+            std::this_thread::yield();
+        }
+        if (stage != 2) problem(name + ": card never seen");
+    };
+
+    // A context established once discovery is over comes back with every
+    // rack enumerated: the wait covers the rest of the bring-up.
+    auto establisher = [&] {
+        ++started;
+        while (!stop) {
+            const bool afterDiscovery = discoveryOver;
+            SCARDCONTEXT context = 0xFFFFFFFF;
+            LONG result = SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context);
+            if (result != SCARD_S_SUCCESS || static_cast<int32_t>(context) < 0)
+                problem("establish " + std::to_string(result));
+            if (afterDiscovery && !allRacksEnumerated()) problem("established before the racks were ready");
+            ++contexts;
+        }
+    };
+
+    std::vector<std::thread> threads;
+    threads.emplace_back(lister, 1);
+    threads.emplace_back(lister, 2);
+    threads.emplace_back(watcher, "Tessel B1 R1");
+    threads.emplace_back(watcher, "Tessel B2 R31");
+    threads.emplace_back(establisher);
+    threads.emplace_back(establisher);
+    // Every thread is in the API before the library starts.
+    ASSERT_TRUE(waitUntil([&] { return started == 6; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+
+    KickOff();
+    waitForDiscoveryThreads();
+    discoveryOver = true;
+    EXPECT_EQ(g_racks.size(), 2u);
+    EXPECT_TRUE(waitUntil([] { return allRacksEnumerated(); }));
+    // Each thread makes calls after the bring-up too.
+    const int listed = listings, watched = statusCalls, established = contexts;
+    EXPECT_TRUE(waitUntil([&] { return listings > listed + 2 && statusCalls > watched + 2 && contexts > established + 2; }));
+    stop = true;
+    for (auto& thread : threads) thread.join();
+
+    for (const std::string& p : problems) ADD_FAILURE() << p;
+}
+
+}  // namespace
+}  // namespace robustness
