@@ -107,6 +107,7 @@ private:
     void workerPause(uint32_t milliseconds);
     bool sendQueueEmpty();
     void receiveSeveralFrames();
+    uint32_t bytesToRead(uint32_t waiting) const;
 
     // Several threads change the send queue: a short guard of its own,
     // never held across a write to the device.

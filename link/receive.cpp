@@ -16,6 +16,9 @@ constexpr int64_t kWatchdogMs = 1000;
 constexpr uint32_t kReadLimit = 1000;  // no read while this many bytes are held
 constexpr uint32_t kLargestRead = 512;
 constexpr uint32_t kScratchSize = 1024;
+// The largest frame the buffer is meant to assemble: 999 bytes held and a
+// full read behind them.
+constexpr uint32_t kLargestFrame = kReadLimit - 1 + kLargestRead;
 
 }  // namespace
 
@@ -29,12 +32,11 @@ void Rack::receiveLoop()
 
         bool quietTooLong = now - lastRxTime > kWatchdogMs && expectedLength != 0 && rxMsgLastIndexOf != 0 &&
                             expectedLength != rxMsgLastIndexOf;
-        // Reading stops while 1,000 bytes or more are held, and nothing held
-        // is consumed before the frame at the head completes: a frame that
-        // has not completed by then never will, and bytes that keep coming
-        // would keep the quiet-link watchdog from ever firing. Such a frame
-        // is given up at once, the way the watchdog gives one up.
-        bool cannotComplete = rxMsgLastIndexOf >= kReadLimit && expectedLength > rxMsgLastIndexOf;
+        // A frame larger than the buffer can assemble never completes, and
+        // its bytes that keep coming would keep the quiet-link watchdog from
+        // ever firing. Once reading has stopped for it, it is given up at
+        // once, the way the watchdog gives one up.
+        bool cannotComplete = rxMsgLastIndexOf >= kReadLimit && expectedLength > kLargestFrame;
         if (quietTooLong || cannotComplete) {
             logWrite("messages confused, fixing\n");
             rxMsg[0] = 0;
@@ -53,11 +55,28 @@ void Rack::receiveLoop()
     }
 }
 
+// How many of the waiting bytes to read. None while 1,000 or more are held,
+// which keeps the buffer from overflowing; but reads come in whatever
+// pieces the device hands over, so a frame that fits the buffer could be
+// left short of its end with 1,000 bytes held and never complete. Such a
+// frame gets a read of just its missing bytes, which the buffer always has
+// room for.
+uint32_t Rack::bytesToRead(uint32_t waiting) const
+{
+    if (waiting == 0) return 0;
+    if (rxMsgLastIndexOf < kReadLimit) return waiting > kLargestRead ? kLargestRead : waiting;
+    if (rxMsg[0] != RackFrame::sync || rxMsgLastIndexOf <= 3) return 0;
+    uint32_t size = receivedFrameSize(rxMsg);
+    if (size > kLargestFrame || size <= rxMsgLastIndexOf) return 0;
+    uint32_t missing = size - rxMsgLastIndexOf;
+    return waiting > missing ? missing : waiting;
+}
+
 void Rack::receiveBytes(uint32_t waiting)
 {
-    if (rxMsgLastIndexOf < kReadLimit && waiting > 0) {
+    uint32_t wanted = bytesToRead(waiting);
+    if (wanted > 0) {
         uint8_t chunk[kLargestRead] = {};
-        uint32_t wanted = waiting > kLargestRead ? kLargestRead : waiting;
         uint32_t got = 0;
         FT_Read(ftHandle, chunk, wanted, &got);
         if (got > wanted) got = wanted;  // never trust a count beyond the request

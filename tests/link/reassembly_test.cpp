@@ -129,6 +129,22 @@ TEST_F(Reassembly, ExtendedFrameIsAssembledWhole)
     EXPECT_EQ(count("messages confused, fixing\n"), 0u);
 }
 
+TEST_F(Reassembly, FrameOfMoreThanAThousandBytesIsCompletedAfterReadingStops)
+{
+    // 1,400 data bytes come in reads of 512: with 1,024 held, reading would
+    // stop short of the frame's end.
+    Bytes frame{0x55, 0x03, 0x78, 0x0D, 0x05};
+    for (int i = 0; i < 1400; ++i) frame.push_back(static_cast<uint8_t>(i % 0x50));
+    uint32_t sum = 0;
+    for (uint8_t b : frame) sum += b;
+    frame.push_back(static_cast<uint8_t>(0x100 - (sum & 0xFF)));
+    inject(device_, frame);
+    ASSERT_TRUE(waitUntil([&] { return hasCard(3); }));
+    EXPECT_EQ(reader(3)->incoming.length.load(), 1406u);
+    EXPECT_EQ(count("messages confused, fixing\n"), 0u);
+    EXPECT_NE(logText().find("Received 1406 bytes from rack RX"), std::string::npos);
+}
+
 TEST_F(Reassembly, FrameLongerThanTheBufferCanHoldNoLongerJamsTheRack)
 {
     // 1,600 data bytes: more than the reassembly buffer ever holds, with the
