@@ -9,11 +9,27 @@ namespace platform {
 // A plain exclusive lock, held for a short stretch and never recursively.
 class ExclusiveLock {
 public:
+#ifdef _WIN32
+    ExclusiveLock();
+    ~ExclusiveLock();
+    ExclusiveLock(const ExclusiveLock&) = delete;
+    ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+    void lock();
+    void unlock();
+
+private:
+    // A critical section (windows/sync.cpp). When a process ends, Windows
+    // stops its other threads first; a critical section that one of them
+    // left held then ends the process instead of hanging the thread that
+    // runs the library's detach, which traces under this lock.
+    alignas(void*) unsigned char section_[48];
+#else
     void lock() { mutex_.lock(); }
     void unlock() { mutex_.unlock(); }
 
 private:
     std::mutex mutex_;
+#endif
 };
 
 // A mutex that is only ever tried: a thread that does not get it goes on
