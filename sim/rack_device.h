@@ -78,6 +78,7 @@ public:
     void setDeviceFault(int fault, bool on);
     void injectBytes(const uint8_t* bytes, size_t count, Nanos now);
     void setWireRealism(bool on) { paced_ = on; }
+    void setLatencyTimer(Nanos timer) { line_.setLatencyTimer(timer); }
     const std::vector<WireLogEntry>& wireLog() const { return wireLog_; }
     void clearWireLog();
     long long counter(int which) const { return counters_[which]; }

@@ -48,7 +48,7 @@ void RackLine::flush(Nanos now, bool paced)
         Nanos sendAt;
         if (paced) {
             // One USB packet: full at 62 bytes, or sent by the latency timer.
-            Nanos timerAt = first + kLatencyTimer;
+            Nanos timerAt = first + latencyTimer_;
             while (end < bytes_.size() && end - flushed_ < kPacketPayload && bytes_[end].atChip <= timerAt) ++end;
             sendAt = end - flushed_ == kPacketPayload ? bytes_[end - 1].atChip : timerAt;
         } else {

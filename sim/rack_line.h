@@ -76,12 +76,16 @@ public:
         return n;
     }
 
+    // The chip's latency timer, as the device driver has it set.
+    void setLatencyTimer(Nanos timer) { latencyTimer_ = timer; }
+
     // Forgets chunks not yet on the line (the rack dropped its work).
     void dropScheduled() { scheduled_.clear(); }
     // Forgets everything, as at open and close.
     void clear();
 
 private:
+    Nanos latencyTimer_ = kLatencyTimer;
     struct LineByte {
         uint8_t value;
         bool endsChunk;

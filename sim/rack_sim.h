@@ -136,6 +136,11 @@ RACKSIM_API void RACKSIM_CALL rackSimInjectBytes(int device, const unsigned char
  * unless a 62-byte packet fills). Off (the default): bytes pass at once. */
 RACKSIM_API void RACKSIM_CALL rackSimSetWireRealism(int device, int on);
 
+/* The FTDI latency timer as the device driver holds it, 1 to 255 ms
+ * (default 16). The library leaves the timer as the driver sets it; a card
+ * farm that tunes its driver to a short timer gets short replies sooner. */
+RACKSIM_API void RACKSIM_CALL rackSimSetLatencyTimerMs(int device, unsigned milliseconds);
+
 /* ---- Observation -------------------------------------------------------- */
 
 /* The line settings the host made since it opened the device: the rate of

@@ -197,6 +197,16 @@ void RACKSIM_CALL rackSimSetWireRealism(int device, int on)
     });
 }
 
+void RACKSIM_CALL rackSimSetLatencyTimerMs(int device, unsigned milliseconds)
+{
+    if (milliseconds < 1) milliseconds = 1;
+    if (milliseconds > 255) milliseconds = 255;
+    withDevice(device, [&](RackDevice& d, racksim::Nanos now) {
+        d.advance(now);
+        d.setLatencyTimer(static_cast<racksim::Nanos>(milliseconds) * racksim::kMillisecond);
+    });
+}
+
 int RACKSIM_CALL rackSimLineSettings(int device, unsigned* baudRate, int* wordLength, int* stopBits, int* parity)
 {
     int result = -1;

@@ -231,6 +231,20 @@ TEST_F(SimObserve, LatencyTimerHoldsAShortFrame)
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(16));
 }
 
+TEST_F(SimObserve, DriverSetLatencyTimerHoldsAShortFrameForItsOwnTime)
+{
+    rackSimSetWireRealism(rack, 1);
+    rackSimSetLatencyTimerMs(rack, 60);
+    auto start = Clock::now();
+    rackSimRemoveCard(rack, 1);
+    uint32_t waiting = 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(FT_GetQueueStatus(handle, &waiting), FT_OK);
+    EXPECT_EQ(waiting, 0u) << "a 60 ms timer still holds the frame after 20 ms";
+    EXPECT_EQ(readBytes(5), (Bytes{0x55, 0x01, 0x00, 0x01, 0xA9}));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(60));
+}
+
 TEST_F(SimObserve, PacedHostFrameReachesTheRackOnlyAfterItsWireTime)
 {
     rackSimSetWireRealism(rack, 1);
