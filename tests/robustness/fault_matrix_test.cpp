@@ -273,6 +273,36 @@ TEST_F(FaultMatrix, GarbageBeforeTheAnswerIsDroppedAndTheAnswerDelivered)
     expectEveryoneServed();
 }
 
+// The same garbage, but the card works a moment, so that the acknowledge
+// comes in one read and garbage and answer in the next. The sync search
+// drops the garbage and brings the whole answer to the head of the buffer,
+// where it must be dispatched: nothing else may come on the line.
+TEST_F(FaultMatrix, GarbageAfterTheAcknowledgeStillDeliversTheAnswerToItsOwnCall)
+{
+    rackSimSetSlotFault(faultyDevice_, 1, RACKSIM_GARBAGE, 1);
+    rackSimSetCardDelayMs(faultyDevice_, 1, 20);
+    const Bytes command = nextCommand();
+    Exchange e = transmit(faultyHandle_, command);
+    rackSimSetCardDelayMs(faultyDevice_, 1, 0);
+    const std::string text = logText();
+
+    EXPECT_EQ(e.result, SCARD_S_SUCCESS) << text;
+    EXPECT_EQ(e.answer(), command);
+    EXPECT_TRUE(containsInOrder(text, {received(test_support::slotFrame(1, 0x06, {})),
+                                       received(test_support::slotFrame(1, 0x04, command)),
+                                       "Tessel F1 R1 Answer - " + hexText(command) + "\n"}))
+        << text;
+
+    // Whatever became of it, the next call gets the answer to its own
+    // command and never the one before.
+    const Bytes next = nextCommand();
+    Exchange e2 = transmit(faultyHandle_, next);
+    EXPECT_EQ(e2.result, SCARD_S_SUCCESS);
+    EXPECT_EQ(e2.answer(), next) << "the answer to " << hexText(command) << "went to a later call";
+    expectNothingLeftBehind(faulty_);
+    expectEveryoneServed();
+}
+
 TEST_F(FaultMatrix, TruncatedAnswerIsGivenUpByTheWatchdogAndTimesOut)
 {
     rackSimSetSlotFault(faultyDevice_, 1, RACKSIM_TRUNCATED, 1);
