@@ -108,6 +108,7 @@ private:
     bool sendQueueEmpty();
     void receiveSeveralFrames();
     uint32_t bytesToRead(uint32_t waiting) const;
+    void parseWhatIsHeld();
 
     // Several threads change the send queue: a short guard of its own,
     // never held across a write to the device.

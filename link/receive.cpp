@@ -51,6 +51,7 @@ void Rack::receiveLoop()
         if (waiting > 0) {
             lastRxTime = now;
             receiveBytes(waiting);
+            parseWhatIsHeld();
         }
     }
 }
@@ -112,6 +113,22 @@ void Rack::receiveBytes(uint32_t waiting)
     if (rxMsgLastIndexOf < expectedLength) return;
 
     receiveSeveralFrames();
+}
+
+// A pass that dropped stray bytes, or kept bytes behind a whole frame, ends
+// without parsing what it brought to the head of the buffer. Left there, a
+// whole frame would wait for the next bytes from the rack: an answer behind
+// a few stray bytes would miss its exchange and be handed to the slot's next
+// one. Passes without a read go on while they make progress, so every whole
+// frame held is dispatched in the poll that brought it.
+void Rack::parseWhatIsHeld()
+{
+    for (;;) {
+        uint32_t held = rxMsgLastIndexOf;
+        if (held == 0) return;
+        receiveBytes(0);
+        if (rxMsgLastIndexOf == held) return;
+    }
 }
 
 // More bytes are held than the head frame needs: hand on every whole frame

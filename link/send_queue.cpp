@@ -43,6 +43,7 @@ void Rack::trySendNext()
             if (next != nullptr) {
                 // The lock is taken before the write, so the answer can't
                 // overtake it.
+                next->framesSent.fetch_add(1, std::memory_order_acq_rel);
                 lockHolder.store(next);
                 next->send(ftHandle);
             }

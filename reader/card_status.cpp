@@ -36,11 +36,21 @@ void Rack::statusLoop()
 void Rack::processReaderStatus(Reader* reader)
 {
     uint8_t frame[Mailbox::capacity] = {};
-    reader->readMailbox(false, frame);
+    uint32_t sentWhenStored = 0;
+    reader->readMailbox(false, frame, &sentWhenStored);
     uint8_t status = frameStatus(frame);
     bool extended = frame[3] == RackFrame::extendedMarker;
 
-    unlockIfHeldBy(reader->address);
+    // Any message of the slot frees the rack lock if the slot holds it, but
+    // only a message that came after the slot's latest frame went out. The
+    // status thread can lag behind: if the slot has been given the lock for
+    // a newer frame since this one arrived, this one answers an older
+    // message, and freeing the lock now would put a second frame on the bus
+    // while the newer one is unanswered.
+    if (sentWhenStored == reader->framesSent.load(std::memory_order_acquire))
+        unlockIfHeldBy(reader->address);
+    else
+        logWrite("Checking");
 
     if (enumerated.load(std::memory_order_acquire) == 0) {
         uint32_t count = statusCount.load(std::memory_order_relaxed) + 1;

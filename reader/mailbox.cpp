@@ -39,7 +39,7 @@ void loadWords(const std::atomic<uint32_t>* words, uint8_t* destination, uint32_
 
 }  // namespace
 
-void Mailbox::write(const uint8_t* data, uint32_t count)
+void Mailbox::write(const uint8_t* data, uint32_t count, uint32_t tag)
 {
     if (count > capacity) count = capacity;
     // Claim the words: the counter goes from even to odd. Two writers of one
@@ -57,14 +57,16 @@ void Mailbox::write(const uint8_t* data, uint32_t count)
     std::atomic_thread_fence(std::memory_order_release);
     storeWords(bytes, data, count);
     length.store(count, std::memory_order_relaxed);
+    tag_.store(tag, std::memory_order_relaxed);
     sequence_.store(sequence + 2, std::memory_order_release);
     unread.store(1, std::memory_order_release);
     arrived.store(1, std::memory_order_release);
 }
 
-uint32_t Mailbox::read(uint8_t* destination)
+uint32_t Mailbox::read(uint8_t* destination, uint32_t* tag)
 {
     uint32_t count;
+    uint32_t messageTag;
     for (;;) {
         uint32_t before = sequence_.load(std::memory_order_acquire);
         if (before & 1) {
@@ -74,9 +76,11 @@ uint32_t Mailbox::read(uint8_t* destination)
         count = length.load(std::memory_order_relaxed);
         if (count > capacity) count = capacity;
         loadWords(bytes, destination, count);
+        messageTag = tag_.load(std::memory_order_relaxed);
         std::atomic_thread_fence(std::memory_order_acquire);
         if (sequence_.load(std::memory_order_relaxed) == before) break;
     }
     unread.store(0, std::memory_order_release);
+    if (tag != nullptr) *tag = messageTag;
     return count;
 }

@@ -19,12 +19,14 @@ public:
     static constexpr uint32_t capacity = 2048;
 
     // Copies `count` bytes in (at most `capacity`), sets `length`, then
-    // `unread` and `arrived`.
-    void write(const uint8_t* data, uint32_t count);
+    // `unread` and `arrived`. `tag` travels with the message: the reader's
+    // count of frames sent when it arrived.
+    void write(const uint8_t* data, uint32_t count, uint32_t tag = 0);
 
     // Copies `length` bytes to `destination`, which holds `capacity` bytes,
-    // clears `unread` and returns the length.
-    uint32_t read(uint8_t* destination);
+    // clears `unread` and returns the length; the message's tag goes to
+    // `tag` if given.
+    uint32_t read(uint8_t* destination, uint32_t* tag = nullptr);
 
     void clearArrived() { arrived.store(0, std::memory_order_release); }
 
@@ -39,5 +41,6 @@ public:
     std::atomic<uint16_t> arrived{0};
 
 private:
+    std::atomic<uint32_t> tag_{0};
     std::atomic<uint32_t> sequence_{0};
 };

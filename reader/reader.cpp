@@ -32,16 +32,19 @@ void Reader::writeMailbox(bool toOutgoing, const uint8_t* data, uint32_t count)
         outgoing.write(work, size);
         return;
     }
-    incoming.write(data, count);
+    incoming.write(data, count, framesSent.load(std::memory_order_acquire));
     // The status thread clears `unread` without a lock. If that clearing,
     // at the end of its read of the previous frame, fell between the write
-    // and here, this frame would be lost to it: write it once more.
-    if (incoming.unread.load(std::memory_order_acquire) == 0) incoming.write(data, count);
+    // and here, this frame would be lost to it: mark it unread once more.
+    // Only `unread`: a waiting exchange may already have taken the frame
+    // and finished, and `arrived` set again now could pass this frame off
+    // as the answer to the slot's next command.
+    if (incoming.unread.load(std::memory_order_acquire) == 0) incoming.unread.store(1, std::memory_order_release);
 }
 
-uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination)
+uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination, uint32_t* tag)
 {
-    return fromOutgoing ? outgoing.read(destination) : incoming.read(destination);
+    return fromOutgoing ? outgoing.read(destination, tag) : incoming.read(destination, tag);
 }
 
 uint16_t Reader::mailboxFull(bool ofOutgoing, bool selectArrived) const

@@ -38,7 +38,7 @@ public:
     // Incoming: `data` is a whole received frame, stored unchanged.
     void writeMailbox(bool outgoing, const uint8_t* data, uint32_t count);
     // `destination` holds a whole mailbox (Mailbox::capacity bytes).
-    uint32_t readMailbox(bool outgoing, uint8_t* destination);
+    uint32_t readMailbox(bool outgoing, uint8_t* destination, uint32_t* tag = nullptr);
     uint16_t mailboxFull(bool outgoing, bool selectArrived) const;
     void clearIncoming() { incoming.clearArrived(); }
 
@@ -83,6 +83,11 @@ public:
     const std::string name;
     std::atomic<uint32_t> protocolMask{0};
     std::atomic<uint32_t> blocked{0};
+    // Frames this slot has been given the rack lock for. It moves on just
+    // before the slot takes the lock, and every incoming frame is stored
+    // with the count of its moment, so that a frame can be told apart from
+    // one that answers a later message.
+    std::atomic<uint32_t> framesSent{0};
 
 private:
     std::atomic<uint32_t> turn_{0};

@@ -90,16 +90,26 @@ TEST_F(Reassembly, AFrameAndAHalfDispatchesTheFirstAndKeepsTheRest)
     EXPECT_EQ(count("messages confused, fixing\n"), 0u);
 }
 
-TEST_F(Reassembly, StrayBytesBeforeASyncByteAreDroppedSilently)
+TEST_F(Reassembly, StrayBytesBeforeAWholeFrameAreDroppedAndTheFrameGoesOnAtOnce)
 {
     Bytes stray{0x00, 0x13, 0xAA};
     stray.insert(stray.end(), kCardIn3.begin(), kCardIn3.end());
     inject(device_, stray);
-    // The search that drops the stray bytes ends the pass; the frame it
-    // brought to the head is parsed when the next bytes come.
-    ASSERT_TRUE(waitUntil([&] { return count("Received 10 bytes") == 1; }));
-    inject(device_, kCardIn2);
+    // Nothing more comes from the rack: the frame must not wait for it.
+    ASSERT_TRUE(waitUntil([&] { return hasCard(3); }));
+    EXPECT_EQ(count("Received 10 bytes from rack RX: 00 13 aa 55 03 02 05 3b 00 66 \n"), 1u);
+    EXPECT_EQ(count("messages confused, fixing\n"), 0u);
+}
+
+TEST_F(Reassembly, BytesBehindAWholeFrameThatStartNoFrameAreSearchedAtOnce)
+{
+    Bytes joined = kCardIn2;
+    joined.push_back(0x42);
+    joined.insert(joined.end(), kCardIn3.begin(), kCardIn3.end());
+    inject(device_, joined);
     ASSERT_TRUE(waitUntil([&] { return hasCard(2) && hasCard(3); }));
+    std::string log = logText();
+    EXPECT_NE(log.find("Should copy bytes back\n"), std::string::npos);
     EXPECT_EQ(count("messages confused, fixing\n"), 0u);
 }
 
