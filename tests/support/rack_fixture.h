@@ -20,7 +20,7 @@
 namespace test_support {
 
 // Library time runs this many times faster than real time in tests.
-constexpr uint32_t kTimeScale = 20;
+constexpr uint32_t kTimeScale = 10;
 
 // Polls `condition` until it holds or `limit` of real time has passed.
 inline bool waitUntil(const std::function<bool()>& condition,
