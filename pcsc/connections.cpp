@@ -167,15 +167,19 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWST
     return SCARD_S_SUCCESS;
 }
 
-// The protocol is not negotiated anew: the slot is sent its stored
-// protocol again, and the call neither waits for the reply nor frees the
-// rack lock; the slot's next frame frees it.
-extern "C" TESSEL_EXPORT LONG WINAPI SCardReconnect(SCARDHANDLE hCard, DWORD dwShareMode, DWORD dwPreferredProtocols,
-                                                    DWORD dwInitialization, LPDWORD pdwActiveProtocol)
+// What SCardReconnect and SCardDisconnect do with reset or unpower: the slot
+// is sent its stored protocol again, the one message it has for either.
+// A disconnect then waits for the reply and frees the rack lock; a
+// reconnect does neither, and the slot's next frame frees the lock.
+namespace {
+
+enum class AfterResend { returnAtOnce, waitForReply };
+
+LONG resendProtocol(SCARDHANDLE hCard, DWORD disposition, AfterResend after)
 {
-    logWrite("SCardReconnect: " + decimalText(static_cast<uint32_t>(dwInitialization)) + "\n");
-    switch (dispositionOf(dwInitialization)) {
+    switch (dispositionOf(disposition)) {
     case Disposition::leave:
+        // Nothing to tell the rack, and the handle is not even looked at.
         logWrite("leave card\n");
         return SCARD_S_SUCCESS;
     case Disposition::refused:
@@ -193,36 +197,27 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardReconnect(SCARDHANDLE hCard, DWORD dwS
     ReaderTurn turn(reader);
     rack->selectProtocol(reader);
     platform::pauseMs(kSettlePauseMs);
+    if (after == AfterResend::waitForReply) {
+        waitForReaderReply(reader);
+        rack->unlockIfHeldBy(reader->address);
+    }
     return SCARD_S_SUCCESS;
+}
+
+}  // namespace
+
+// The protocol is not negotiated anew: dwPreferredProtocols is not read and
+// pdwActiveProtocol is not written.
+extern "C" TESSEL_EXPORT LONG WINAPI SCardReconnect(SCARDHANDLE hCard, DWORD dwShareMode, DWORD dwPreferredProtocols,
+                                                    DWORD dwInitialization, LPDWORD pdwActiveProtocol)
+{
+    logWrite("SCardReconnect: " + decimalText(static_cast<uint32_t>(dwInitialization)) + "\n");
+    return resendProtocol(hCard, dwInitialization, AfterResend::returnAtOnce);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition)
 {
     logWrite("SCardDisconnect: " + decimalText(static_cast<uint32_t>(dwDisposition)) + ", handle: " +
              decimalText(static_cast<int32_t>(hCard)) + "\n");
-    switch (dispositionOf(dwDisposition)) {
-    case Disposition::leave:
-        // Nothing to tell the rack, and the handle is not even looked at.
-        logWrite("leave card\n");
-        return SCARD_S_SUCCESS;
-    case Disposition::refused:
-        return SCARD_E_INVALID_PARAMETER;
-    case Disposition::resend:
-        break;
-    }
-    Rack* rack = nullptr;
-    Reader* reader = readerOfHandle(hCard, rack);
-    if (reader == nullptr) {
-        logWrite("idx missing\n");
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    logWrite(reader->name + " reset\n");
-    {
-        ReaderTurn turn(reader);
-        rack->selectProtocol(reader);
-        platform::pauseMs(kSettlePauseMs);
-        waitForReaderReply(reader);
-        rack->unlockIfHeldBy(reader->address);
-    }
-    return SCARD_S_SUCCESS;
+    return resendProtocol(hCard, dwDisposition, AfterResend::waitForReply);
 }
