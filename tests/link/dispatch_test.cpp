@@ -15,20 +15,10 @@ namespace {
 using namespace test_support;
 using Bytes = std::vector<uint8_t>;
 
-class Dispatch : public RackFixture {
+class Dispatch : public OneRackFixture {
 protected:
-    void startRack(int slots)
-    {
-        device_ = addRack("DSP", slots);
-        startLibrary(1);
-        rack_ = g_racks[0];
-        clearLog();
-    }
-    Reader* reader(int address) { return rack_->readers[static_cast<size_t>(address) - 1]; }
+    void startRack(int slots) { OneRackFixture::startRack("DSP", slots); }
     bool quiet() { return rack_->lockHolder.load() == nullptr && rack_->queuedTurns() == 0; }
-
-    int device_ = -1;
-    Rack* rack_ = nullptr;
 };
 
 Bytes statusRequestTo(uint8_t address) { return slotFrame(address, 0x00, {}); }

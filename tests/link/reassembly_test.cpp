@@ -11,30 +11,15 @@ namespace {
 using namespace test_support;
 using Bytes = std::vector<uint8_t>;
 
-class Reassembly : public RackFixture {
+class Reassembly : public OneRackFixture {
 protected:
     void SetUp() override
     {
-        RackFixture::SetUp();
-        device_ = addRack("RX", 3);
-        startLibrary(1);
-        rack_ = g_racks[0];
-        // The bring-up's own traffic is done; the log starts afresh so that
-        // each test counts only its own entries.
-        clearLog();
+        OneRackFixture::SetUp();
+        startRack("RX", 3);
     }
-    Reader* reader(int address) { return rack_->readers[static_cast<size_t>(address) - 1]; }
     bool hasCard(int address) { return reader(address)->cardState() == kStateCard; }
-    size_t count(const std::string& text) const
-    {
-        std::string log = logText();
-        size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
-        return n;
-    }
-
-    int device_ = -1;
-    Rack* rack_ = nullptr;
+    size_t count(const std::string& text) const { return occurrences(text); }
 };
 
 const Bytes kCardIn3 = slotFrame(3, 0x05, {0x3B, 0x00});  // 55 03 02 05 3b 00 66

@@ -12,16 +12,9 @@ namespace {
 using namespace test_support;
 using Bytes = std::vector<uint8_t>;
 
-class CardState : public RackFixture {
+class CardState : public OneRackFixture {
 protected:
-    void startRack(int slots)
-    {
-        device_ = addRack("CS", slots);
-        startLibrary(1);
-        rack_ = g_racks[0];
-        clearLog();
-    }
-    Reader* reader(int address) { return rack_->readers[static_cast<size_t>(address) - 1]; }
+    void startRack(int slots) { OneRackFixture::startRack("CS", slots); }
     Bytes atrOf(int address)
     {
         Bytes atr(32);
@@ -49,16 +42,6 @@ protected:
                    ? reader(address)->incoming.unread.load() == 0
                    : true;
     }
-    size_t occurrences(const std::string& text) const
-    {
-        std::string log = logText();
-        size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
-        return n;
-    }
-
-    int device_ = -1;
-    Rack* rack_ = nullptr;
 };
 
 TEST_F(CardState, InsertRemoveMuteAndBackFollowTheRackEvents)

@@ -64,6 +64,14 @@ void RackFixture::startLibrary(size_t expectedRacks)
     }
 }
 
+size_t OneRackFixture::occurrences(const std::string& text) const
+{
+    std::string entries = logText();
+    size_t n = 0;
+    for (size_t at = entries.find(text); at != std::string::npos; at = entries.find(text, at + 1)) ++n;
+    return n;
+}
+
 std::vector<std::vector<uint8_t>> RackFixture::wireLog(int device) const
 {
     std::vector<std::vector<uint8_t>> frames;

@@ -14,6 +14,7 @@
 #include "diag/trace_log.h"
 #include "pcsc/registry.h"
 #include "pcsc/registry_testing.h"
+#include "reader/reader.h"
 #include "platform/test_seam.h"
 #include "sim/rack_sim.h"
 
@@ -80,6 +81,25 @@ protected:
     std::vector<std::vector<uint8_t>> wireLog(int device) const;
 
     std::string logPath_;
+};
+
+// One rack brought up, with the log started afresh after the bring-up so
+// that a test counts only its own entries.
+class OneRackFixture : public RackFixture {
+protected:
+    void startRack(const std::string& serial, int slots)
+    {
+        device_ = addRack(serial, slots);
+        startLibrary(1);
+        rack_ = g_racks[0];
+        clearLog();
+    }
+    Reader* reader(int address) const { return rack_->readers[static_cast<size_t>(address) - 1]; }
+    // How often `text` stands in the log's entry texts.
+    size_t occurrences(const std::string& text) const;
+
+    int device_ = -1;
+    Rack* rack_ = nullptr;
 };
 
 }  // namespace test_support
