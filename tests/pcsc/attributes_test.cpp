@@ -11,6 +11,24 @@ namespace {
 
 using namespace std::string_literals;
 
+enum class Handle { Zero, Card, Empty, Unknown };
+enum class Buffer { Sized, None, Auto };
+
+// One SCardGetAttrib: the handle, the attribute, how the host hands over
+// its buffer (of `capacity` bytes when sized), and what it must get back:
+// the result, the length, the bytes written (nothing past them) and, when
+// given, the whole trace.
+struct AttribCase {
+    Handle handle;
+    DWORD id;
+    Buffer buffer;
+    DWORD capacity;
+    LONG result;
+    DWORD length;
+    std::string written;
+    const char* trace;
+};
+
 class AttributesTest : public test_support::RackFixture {
 protected:
     void startReaders()
@@ -18,136 +36,83 @@ protected:
         int device = addRack("A1", 2);
         insertCard(device, 1, atrOnlyT1());
         startLibrary(1);
-        withCard_ = readerNamed("Tessel A1 R1")->handle;
-        empty_ = readerNamed("Tessel A1 R2")->handle;
         clearLog();
     }
 
-    const std::string vendor_ = "Quorvane Ltd.\0\0\0\0\0\0\0\0\0\0\0"s;  // always 24 bytes
-    SCARDHANDLE withCard_ = 0, empty_ = 0;
+    SCARDHANDLE handleOf(Handle h)
+    {
+        switch (h) {
+        case Handle::Card: return readerNamed("Tessel A1 R1")->handle;
+        case Handle::Empty: return readerNamed("Tessel A1 R2")->handle;
+        case Handle::Unknown: return 0x1234;
+        default: return 0;
+        }
+    }
+
+    void run(const AttribCase& c)
+    {
+        clearLog();
+        Guarded<BYTE> buffer(c.capacity);
+        BYTE* block = nullptr;
+        DWORD length = c.buffer == Buffer::Auto ? SCARD_AUTOALLOCATE : c.capacity;
+        BYTE* target = c.buffer == Buffer::Sized  ? buffer.data()
+                       : c.buffer == Buffer::Auto ? reinterpret_cast<BYTE*>(&block)
+                                                  : nullptr;
+        EXPECT_EQ(SCardGetAttrib(handleOf(c.handle), c.id, target, &length), c.result);
+        EXPECT_EQ(length, c.length);
+        const std::string written(c.written);
+        if (c.buffer == Buffer::Auto && !written.empty()) {
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(std::string(reinterpret_cast<const char*>(block), written.size()), written);
+            EXPECT_EQ(SCardFreeMemory(0, block), SCARD_S_SUCCESS);
+        } else {
+            EXPECT_EQ(block, nullptr) << "no block handed over";
+        }
+        if (c.buffer == Buffer::Sized) {
+            EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), written.size()), written);
+            for (size_t i = written.size(); i < c.capacity + Guarded<BYTE>::guardCount; ++i)
+                ASSERT_EQ(buffer[i], 0x5A) << "written at " << i;
+        }
+        if (c.trace != nullptr) EXPECT_EQ(logText(), c.trace);
+    }
 };
 
-TEST_F(AttributesTest, VendorNameInEveryFormForAnyHandle)
+const std::string kVendor = "Quorvane Ltd.\0\0\0\0\0\0\0\0\0\0\0"s;  // always 24 bytes
+const std::string kAtr = "\x3B\x80\x01"s;
+
+TEST_F(AttributesTest, VendorNameAtrAndIdsWithoutDataInEveryBufferForm)
 {
     startReaders();
-
-    Guarded<BYTE> buffer(24);
-    DWORD length = 24;
-    EXPECT_EQ(SCardGetAttrib(0, SCARD_ATTR_VENDOR_NAME, buffer.data(), &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(length, 24u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), 24), vendor_);
-    EXPECT_TRUE(buffer.guardIntact());
-    EXPECT_EQ(logText(), "get_atr\n");
-
-    // Too small: what fits, the length needed, and nothing past the buffer.
-    Guarded<BYTE> small(10);
-    length = 10;
-    EXPECT_EQ(SCardGetAttrib(withCard_, SCARD_ATTR_VENDOR_NAME, small.data(), &length), SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_EQ(length, 24u);
-    EXPECT_TRUE(small.guardIntact());
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(small.data()), 10), "Quorvane L");
-
-    // No buffer: the length alone.
-    length = 0;
-    EXPECT_EQ(SCardGetAttrib(0, SCARD_ATTR_VENDOR_NAME, nullptr, &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(length, 24u);
-
-    clearLog();
-    BYTE* block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardGetAttrib(0x777, SCARD_ATTR_VENDOR_NAME, reinterpret_cast<LPBYTE>(&block), &length),
-              SCARD_S_SUCCESS);
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(length, 24u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(block), 24), vendor_);
-    EXPECT_EQ(SCardFreeMemory(0, block), SCARD_S_SUCCESS);
-    EXPECT_EQ(logText(), "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\n");
-}
-
-TEST_F(AttributesTest, AtrInEveryFormWithItsTraces)
-{
-    startReaders();
-
-    Guarded<BYTE> buffer(32);
-    DWORD length = 32;
-    EXPECT_EQ(SCardGetAttrib(withCard_, SCARD_ATTR_ATR_STRING, buffer.data(), &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(length, 3u);
-    EXPECT_EQ(buffer.contents(3), atrOnlyT1());
-    EXPECT_EQ(buffer[3], 0x5A);
-    // The length entry has no line end; the next entry starts with one.
-    EXPECT_EQ(logText(), "get_atr\nget_atr_GetReaderAtr_else\n3\nSCARD_ATTR_ATR_STRING is 3b 80 01 \n");
-
-    clearLog();
-    length = 0;
-    EXPECT_EQ(SCardGetAttrib(withCard_, SCARD_ATTR_ATR_STRING, nullptr, &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(length, 3u);
-    EXPECT_EQ(logText(), "get_atr\nget_atr_GetReaderAtr_pbAttr_is_null\n\n3\n");
-
-    clearLog();
-    BYTE* block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardGetAttrib(withCard_, SCARD_ATTR_ATR_STRING, reinterpret_cast<LPBYTE>(&block), &length),
-              SCARD_S_SUCCESS);
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(length, 3u);
-    EXPECT_EQ(std::vector<uint8_t>(block, block + 3), atrOnlyT1());
-    SCardFreeMemory(0, block);
-    EXPECT_EQ(logText(), "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\nget_atr_GetReaderAtr_auto\n\n3\n");
-
-    // An empty reader: length 0, result 0.
-    length = 32;
-    EXPECT_EQ(SCardGetAttrib(empty_, SCARD_ATTR_ATR_STRING, buffer.data(), &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(length, 0u);
-}
-
-TEST_F(AttributesTest, AtrRefusesShortBuffersAndUnknownHandles)
-{
-    startReaders();
-
-    Guarded<BYTE> small(2);
-    DWORD length = 2;
-    EXPECT_EQ(SCardGetAttrib(withCard_, SCARD_ATTR_ATR_STRING, small.data(), &length), SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_EQ(length, 3u);
-    EXPECT_EQ(small.contents(2), (std::vector<uint8_t>{0x3B, 0x80}));
-    EXPECT_TRUE(small.guardIntact());
-
-    Guarded<BYTE> buffer(32);
-    length = 32;
-    EXPECT_EQ(SCardGetAttrib(0x1234, SCARD_ATTR_ATR_STRING, buffer.data(), &length), SCARD_E_INVALID_HANDLE);
-    EXPECT_EQ(length, 32u);
-    EXPECT_TRUE(buffer.untouched());
-    BYTE* block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardGetAttrib(0x1234, SCARD_ATTR_ATR_STRING, reinterpret_cast<LPBYTE>(&block), &length),
-              SCARD_E_INVALID_HANDLE);
-    EXPECT_EQ(block, nullptr);
-    EXPECT_EQ(SCardGetAttrib(withCard_, SCARD_ATTR_ATR_STRING, nullptr, nullptr), SCARD_E_INVALID_PARAMETER);
-}
-
-TEST_F(AttributesTest, IdsWithoutDataTouchNoOutput)
-{
-    startReaders();
-
-    for (DWORD id : {DWORD(SCARD_ATTR_VENDOR_IFD_VERSION), DWORD(SCARD_ATTR_VENDOR_IFD_SERIAL_NO)}) {
-        Guarded<BYTE> buffer(8);
-        DWORD length = 8;
-        EXPECT_EQ(SCardGetAttrib(withCard_, id, buffer.data(), &length), SCARD_S_SUCCESS) << id;
-        EXPECT_EQ(length, 8u);
-        EXPECT_TRUE(buffer.untouched());
+    const DWORD vendor = SCARD_ATTR_VENDOR_NAME, atr = SCARD_ATTR_ATR_STRING, autoSize = SCARD_AUTOALLOCATE;
+    const AttribCase cases[] = {
+        // The vendor name, for any handle; too small a buffer gets what fits.
+        {Handle::Zero, vendor, Buffer::Sized, 24, SCARD_S_SUCCESS, 24, kVendor, "get_atr\n"},
+        {Handle::Card, vendor, Buffer::Sized, 10, SCARD_E_INSUFFICIENT_BUFFER, 24, "Quorvane L", "get_atr\n"},
+        {Handle::Zero, vendor, Buffer::None, 0, SCARD_S_SUCCESS, 24, "", "get_atr\n"},
+        {Handle::Unknown, vendor, Buffer::Auto, 0, SCARD_S_SUCCESS, 24, kVendor,
+         "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\n"},
+        // The ATR. The length entry has no line end; the next entry starts
+        // with one.
+        {Handle::Card, atr, Buffer::Sized, 32, SCARD_S_SUCCESS, 3, kAtr,
+         "get_atr\nget_atr_GetReaderAtr_else\n3\nSCARD_ATTR_ATR_STRING is 3b 80 01 \n"},
+        {Handle::Card, atr, Buffer::None, 0, SCARD_S_SUCCESS, 3, "", "get_atr\nget_atr_GetReaderAtr_pbAttr_is_null\n\n3\n"},
+        {Handle::Card, atr, Buffer::Auto, 0, SCARD_S_SUCCESS, 3, kAtr,
+         "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\nget_atr_GetReaderAtr_auto\n\n3\n"},
+        {Handle::Card, atr, Buffer::Sized, 2, SCARD_E_INSUFFICIENT_BUFFER, 3, "\x3B\x80", nullptr},
+        {Handle::Empty, atr, Buffer::Sized, 32, SCARD_S_SUCCESS, 0, "", nullptr},
+        {Handle::Unknown, atr, Buffer::Sized, 32, SCARD_E_INVALID_HANDLE, 32, "", nullptr},
+        {Handle::Unknown, atr, Buffer::Auto, 0, SCARD_E_INVALID_HANDLE, autoSize, "", nullptr},
+        // Ids without data: success or 50, nothing written.
+        {Handle::Card, SCARD_ATTR_VENDOR_IFD_VERSION, Buffer::Sized, 8, SCARD_S_SUCCESS, 8, "", nullptr},
+        {Handle::Card, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, Buffer::Sized, 8, SCARD_S_SUCCESS, 8, "", nullptr},
+        {Handle::Card, SCARD_ATTR_VENDOR_IFD_TYPE, Buffer::Sized, 8, 50, 8, "", nullptr},
+        {Handle::Card, 0x7A007A, Buffer::Auto, 0, 50, autoSize, "", "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\n"},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        run(cases[i]);
     }
-    Guarded<BYTE> buffer(8);
-    DWORD length = 8;
-    EXPECT_EQ(SCardGetAttrib(withCard_, SCARD_ATTR_VENDOR_IFD_TYPE, buffer.data(), &length), 50);
-    EXPECT_EQ(length, 8u);
-    EXPECT_TRUE(buffer.untouched());
-
-    clearLog();
-    BYTE* block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardGetAttrib(withCard_, 0x7A007A, reinterpret_cast<LPBYTE>(&block), &length), 50);
-    EXPECT_EQ(block, nullptr) << "no block handed over";
-    EXPECT_EQ(length, SCARD_AUTOALLOCATE);
-    EXPECT_EQ(logText(), "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\n");
+    EXPECT_EQ(SCardGetAttrib(handleOf(Handle::Card), atr, nullptr, nullptr), SCARD_E_INVALID_PARAMETER);
 }
 
 TEST_F(AttributesTest, SmallCallsSucceedForAnythingAndChangeNothing)
@@ -155,11 +120,11 @@ TEST_F(AttributesTest, SmallCallsSucceedForAnythingAndChangeNothing)
     startReaders();
 
     EXPECT_EQ(SCardBeginTransaction(0x1234), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardEndTransaction(withCard_, 99), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardEndTransaction(handleOf(Handle::Card), 99), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardCancel(0), SCARD_S_SUCCESS);
     DWORD returned = 0xCAFE;
     EXPECT_EQ(SCardControl(0, 1, nullptr, 5, nullptr, 5, &returned), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardControl(withCard_, 0x42, nullptr, 0, nullptr, 0, nullptr), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardControl(handleOf(Handle::Card), 0x42, nullptr, 0, nullptr, 0, nullptr), SCARD_S_SUCCESS);
     EXPECT_EQ(returned, 0xCAFEu);
     EXPECT_EQ(logText(), "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\n");
 

@@ -30,7 +30,7 @@ protected:
     SCARDHANDLE withCard_ = 0, empty_ = 0, mute_ = 0;
 };
 
-TEST_F(CardStatusTest, BuffersOfExactSizeGetEveryOutput)
+TEST_F(CardStatusTest, BuffersOfExactSizeOrNoneGetEveryOutput)
 {
     startReaders();
 
@@ -62,6 +62,24 @@ TEST_F(CardStatusTest, BuffersOfExactSizeGetEveryOutput)
     connectTo(name_, SCARD_PROTOCOL_T1);
     EXPECT_EQ(SCardStatusA(withCard_, nullptr, nullptr, nullptr, &protocol, nullptr, nullptr), SCARD_S_SUCCESS);
     EXPECT_EQ(protocol, SCARD_PROTOCOL_T1);
+
+    // Null outputs ask for lengths or for nothing.
+    nameSize = 0;
+    atrSize = 0;
+    EXPECT_EQ(SCardStatusA(withCard_, nullptr, &nameSize, nullptr, nullptr, nullptr, &atrSize), SCARD_S_SUCCESS);
+    EXPECT_EQ(nameSize, nameLength_);
+    EXPECT_EQ(atrSize, 4u);
+
+    EXPECT_EQ(SCardStatusA(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardStatusW(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
+
+    // A mute card: present with the mute bit, no ATR.
+    atrSize = 32;
+    Guarded<BYTE> noAtr(32);
+    EXPECT_EQ(SCardStatusA(mute_, nullptr, nullptr, &state, nullptr, noAtr.data(), &atrSize), SCARD_S_SUCCESS);
+    EXPECT_EQ(state, kStateMuteCard);
+    EXPECT_EQ(atrSize, 0u);
+    EXPECT_TRUE(noAtr.untouched());
 }
 
 TEST_F(CardStatusTest, ShortBuffersGetWhatFitsAndTheRestIsStillDelivered)
@@ -146,28 +164,6 @@ TEST_F(CardStatusTest, AutoAllocateHandsOverBlocksThatFreeMemoryTakesBack)
     SCardFreeMemory(0, wide);
     SCardFreeMemory(0, atr);
     EXPECT_EQ(logText(), "SCardStatusW\nSCARD_AUTOALLOCATE\n") << "the ATR steps trace nothing";
-}
-
-TEST_F(CardStatusTest, NullOutputsAskForLengthsOrForNothing)
-{
-    startReaders();
-
-    DWORD nameSize = 0, atrSize = 0;
-    EXPECT_EQ(SCardStatusA(withCard_, nullptr, &nameSize, nullptr, nullptr, nullptr, &atrSize), SCARD_S_SUCCESS);
-    EXPECT_EQ(nameSize, nameLength_);
-    EXPECT_EQ(atrSize, 4u);
-
-    EXPECT_EQ(SCardStatusA(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardStatusW(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
-
-    // A mute card: present with the mute bit, no ATR.
-    DWORD state = 0;
-    atrSize = 32;
-    Guarded<BYTE> atr(32);
-    EXPECT_EQ(SCardStatusA(mute_, nullptr, nullptr, &state, nullptr, atr.data(), &atrSize), SCARD_S_SUCCESS);
-    EXPECT_EQ(state, kStateMuteCard);
-    EXPECT_EQ(atrSize, 0u);
-    EXPECT_TRUE(atr.untouched());
 }
 
 TEST_F(CardStatusTest, FailuresLeaveWhatTheyHaveNotReached)

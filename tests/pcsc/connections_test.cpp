@@ -1,9 +1,7 @@
 // Card connections: the protocol choice against the example ATRs, the
-// message each call sends to the slot, the handle rules, the traces of both
-// forms, and a slot that never replies.
+// message each call sends to the slot, the handle rules and the traces of
+// both forms.
 #include "pcsc_test_support.h"
-
-#include <chrono>
 
 namespace pcsc_test {
 namespace {
@@ -55,6 +53,25 @@ protected:
         return out;
     }
 
+    // One narrow connect: its result, the active protocol, the stored T
+    // number and the protocol selections it sent. A connect that fails
+    // keeps the caller's handle. Returns the handle.
+    SCARDHANDLE expectConnect(int address, DWORD preferred, LONG result, DWORD active, uint32_t tNumber,
+                              const std::vector<uint8_t>& sent)
+    {
+        SCOPED_TRACE("R" + std::to_string(address) + " preferred " + std::to_string(preferred));
+        restartLog();
+        rackSimClearWireLog(device_);
+        Outcome out = connectA(address, preferred);
+        EXPECT_EQ(out.result, result);
+        EXPECT_EQ(out.active, active);
+        Reader* reader = readerNamed(readerName("A1", address));
+        EXPECT_EQ(out.handle, result == SCARD_S_SUCCESS ? reader->handle : 0x1234u);
+        EXPECT_EQ(reader->protocol(), tNumber);
+        EXPECT_EQ(selections(address), sent);
+        return out.handle;
+    }
+
     // The command bytes of the protocol selections sent to a slot so far.
     std::vector<uint8_t> selections(int address)
     {
@@ -67,79 +84,41 @@ protected:
     int device_ = -1;
 };
 
-TEST_F(ConnectionsTest, ProtocolLeftToTheAtrTakesItsFirstProtocol)
+TEST_F(ConnectionsTest, TheProtocolIsChosenAgainstTheAtr)
 {
     startFourReaders();
     Reader* r1 = readerNamed("Tessel A1 R1");
-    Reader* r2 = readerNamed("Tessel A1 R2");
 
-    Outcome t1 = connectA(1, SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1);
-    EXPECT_EQ(t1.result, SCARD_S_SUCCESS);
-    EXPECT_EQ(t1.active, SCARD_PROTOCOL_T1);
-    EXPECT_EQ(t1.handle, r1->handle);
-    EXPECT_EQ(r1->protocol(), 1u);
-    EXPECT_EQ(selections(1), std::vector<uint8_t>{kSelectT1});
+    // No protocol named and none seen on R3 before: T=1 is a mismatch.
+    expectConnect(3, SCARD_PROTOCOL_T1, SCARD_E_PROTO_MISMATCH, SCARD_PROTOCOL_T1, 0, {});
+    // Both protocols offered: the ATR's first wins (T=1 alone on R1; T=0
+    // named first on R2, whatever else is asked for).
+    expectConnect(1, SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, SCARD_S_SUCCESS, SCARD_PROTOCOL_T1, 1, {kSelectT1});
     EXPECT_TRUE(containsInOrder(logText(), {"SCardConnectA: Tessel A1 R1\n", "Got rack\n", "Got reader\n",
                                             "Protocol unspecified\n", "atr says 2\n", "Connecting with prot T1\n"}))
         << logText();
-
-    // T=0 named first wins, whatever follows.
-    Outcome t0 = connectA(2, 0xFFFF);
-    EXPECT_EQ(t0.result, SCARD_S_SUCCESS);
-    EXPECT_EQ(t0.active, SCARD_PROTOCOL_T0);
-    EXPECT_EQ(r2->protocol(), 0u);
-    EXPECT_EQ(selections(2), std::vector<uint8_t>{kSelectT0});
-
+    expectConnect(2, 0xFFFF, SCARD_S_SUCCESS, SCARD_PROTOCOL_T0, 0, {kSelectT0});
     // An ATR that names no protocol: active 0, the T number wraps, and the
     // slot is told T=0.
-    clearLog();
-    Outcome none = connectA(3, 3);
-    EXPECT_EQ(none.result, SCARD_S_SUCCESS);
-    EXPECT_EQ(none.active, 0u);
-    EXPECT_EQ(readerNamed("Tessel A1 R3")->protocol(), 0xFFFFFFFFu);
-    EXPECT_EQ(selections(3), std::vector<uint8_t>{kSelectT0});
+    expectConnect(3, 3, SCARD_S_SUCCESS, 0, 0xFFFFFFFF, {kSelectT0});
     EXPECT_NE(logText().find("Connecting with prot T4294967295\n"), std::string::npos);
     EXPECT_EQ(logText().find("atr says"), std::string::npos);
-}
 
-TEST_F(ConnectionsTest, RequestedProtocolIsTestedAgainstTheAtr)
-{
-    startFourReaders();
+    // A requested protocol the ATR offers passes; each connect sends the
+    // byte again and gets the slot's one handle.
+    SCARDHANDLE first = expectConnect(2, SCARD_PROTOCOL_T1, SCARD_S_SUCCESS, SCARD_PROTOCOL_T1, 1, {kSelectT1});
+    SCARDHANDLE second = expectConnect(2, SCARD_PROTOCOL_T0, SCARD_S_SUCCESS, SCARD_PROTOCOL_T0, 0, {kSelectT0});
+    EXPECT_EQ(first, second);
+    EXPECT_LT(static_cast<int32_t>(first), 0);
+    EXPECT_EQ(r1->handle, expectConnect(1, 0, SCARD_S_SUCCESS, 0, 0xFFFFFFFF, {kSelectT0})) << "protocol 0 passes";
 
-    // T=0 then T=1: both requests pass.
-    Outcome first = connectA(2, SCARD_PROTOCOL_T1);
-    EXPECT_EQ(first.result, SCARD_S_SUCCESS);
-    EXPECT_EQ(first.active, SCARD_PROTOCOL_T1);
-    Outcome second = connectA(2, SCARD_PROTOCOL_T0);
-    EXPECT_EQ(second.result, SCARD_S_SUCCESS);
-    EXPECT_EQ(second.active, SCARD_PROTOCOL_T0);
-    // Every connect gets the slot's one handle and sends the byte again.
-    EXPECT_EQ(first.handle, second.handle);
-    EXPECT_LT(static_cast<int32_t>(first.handle), 0);
-    EXPECT_EQ(selections(2), (std::vector<uint8_t>{kSelectT1, kSelectT0}));
-
-    // T=1 alone: T=0 is a mismatch, nothing is sent, the handle is kept.
-    clearLog();
-    rackSimClearWireLog(device_);
-    Outcome mismatch = connectA(1, SCARD_PROTOCOL_T0);
-    EXPECT_EQ(mismatch.result, SCARD_E_PROTO_MISMATCH);
-    EXPECT_EQ(mismatch.active, SCARD_PROTOCOL_T0);
-    EXPECT_EQ(mismatch.handle, 0x1234u);
-    EXPECT_EQ(readerNamed("Tessel A1 R1")->protocol(), 0u) << "unchanged";
-    EXPECT_TRUE(selections(1).empty());
+    // T=1 alone: T=0 is a mismatch, nothing is sent, the handle is kept and
+    // the stored protocol is unchanged.
+    expectConnect(1, SCARD_PROTOCOL_T0, SCARD_E_PROTO_MISMATCH, SCARD_PROTOCOL_T0, 0xFFFFFFFF, {});
     EXPECT_EQ(logText(), "SCardConnectA: Tessel A1 R1\nGot rack\nGot reader\nRequested protocol is 1\natr says 2\n");
-
-    // Protocol 0 always passes: active 0, T number 0xFFFFFFFF, byte 0x20.
-    Outcome zero = connectA(1, 0);
-    EXPECT_EQ(zero.result, SCARD_S_SUCCESS);
-    EXPECT_EQ(zero.active, 0u);
-    EXPECT_EQ(selections(1), std::vector<uint8_t>{kSelectT0});
-
-    // No protocol named and none seen on this slot before: T=1 fails.
-    EXPECT_EQ(connectA(3, SCARD_PROTOCOL_T1).result, SCARD_E_PROTO_MISMATCH);
 }
 
-TEST_F(ConnectionsTest, WideConnectTracesItsOwnWayAndStoresTheHandleEarly)
+TEST_F(ConnectionsTest, WideTracesEarlyHandleAndRefusalsOfBothForms)
 {
     startFourReaders();
     Reader* r1 = readerNamed("Tessel A1 R1");
@@ -169,13 +148,11 @@ TEST_F(ConnectionsTest, WideConnectTracesItsOwnWayAndStoresTheHandleEarly)
     Outcome unknown = connectW(9, SCARD_PROTOCOL_T1);
     EXPECT_EQ(unknown.result, SCARD_E_READER_UNAVAILABLE);
     EXPECT_EQ(logText(), "SCardConnectW: Tessel A1 R4\nSCardConnectW: Tessel A1 R9\n");
-}
 
-TEST_F(ConnectionsTest, NarrowConnectRefusesUnknownReadersAndEmptySlots)
-{
-    startFourReaders();
-
-    Outcome empty = connectA(4, 3);
+    // The narrow form refuses the same, with traces, and sends nothing.
+    restartLog();
+    rackSimClearWireLog(device_);
+    empty = connectA(4, 3);
     EXPECT_EQ(empty.result, SCARD_E_NO_SMARTCARD);
     EXPECT_EQ(empty.active, 3u);
     EXPECT_EQ(empty.handle, 0x1234u);
@@ -224,7 +201,8 @@ TEST_F(ConnectionsTest, DisconnectAndReconnectByDisposition)
     EXPECT_TRUE(containsInOrder(logText(), {"SCardReconnect: 2\n", "Tessel A1 R1 reset\n"}));
     EXPECT_EQ(untouched, 0xABCu);
     ASSERT_TRUE(waitUntil([&] { return selections(1).size() == 4; }));
-    EXPECT_EQ(selections(1), (std::vector<uint8_t>{kSelectT1, kSelectT1, kSelectT1, kSelectT1}));
+    const std::vector<uint8_t> selectT1 = {0x55, 0x01, 0x00, kSelectT1, 0x4A};
+    EXPECT_EQ(framesTo(wireLog(device_), 1), std::vector<std::vector<uint8_t>>(4, selectT1));
     EXPECT_EQ(readerNamed("Tessel A1 R1")->protocol(), 1u) << "not negotiated anew";
 
     // A handle that no reader holds.
@@ -237,31 +215,6 @@ TEST_F(ConnectionsTest, DisconnectAndReconnectByDisposition)
     DWORD state = 0;
     EXPECT_EQ(SCardStatusA(handle, nullptr, nullptr, &state, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
     EXPECT_EQ(state, kStateCard);
-}
-
-TEST_F(ConnectionsTest, ASlotThatNeverRepliesEndsTheWaitAndFreesTheRackLock)
-{
-    startFourReaders();
-    Rack* rack = rackOf("Tessel A1 R1");
-    rackSimSetSlotFault(device_, 1, RACKSIM_NO_ACK, 1);
-
-    auto start = std::chrono::steady_clock::now();
-    SCARDHANDLE handle = connectTo("Tessel A1 R1", SCARD_PROTOCOL_T1);
-    auto elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(handle, readerNamed("Tessel A1 R1")->handle);
-    // One second of settling and the 17 s reply wait, in library time.
-    EXPECT_GE(elapsed, std::chrono::milliseconds(16000 / kTimeScale));
-    EXPECT_FALSE(rack->isLocked()) << "the connect frees the lock its slot held";
-    EXPECT_EQ(readerNamed("Tessel A1 R1")->outgoing.unread.load(), 0u);
-
-    // The rack serves the other slots again.
-    SCARDHANDLE other = connectTo("Tessel A1 R2", SCARD_PROTOCOL_T0);
-    BYTE answer[8] = {};
-    DWORD length = sizeof answer;
-    const BYTE command[] = {0x00, 0xB0, 0x00, 0x00, 0x02};
-    EXPECT_EQ(SCardTransmit(other, &g_rgSCardT0Pci, command, sizeof command, nullptr, answer, &length),
-              SCARD_S_SUCCESS);
-    EXPECT_EQ(length, 2u);
 }
 
 }  // namespace

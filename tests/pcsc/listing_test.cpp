@@ -1,4 +1,4 @@
-// Reader listing in its three forms, narrow and wide, and SCardFreeMemory.
+// Reader listing in its buffer forms, narrow and wide, and SCardFreeMemory.
 #include "pcsc_test_support.h"
 
 namespace pcsc_test {
@@ -6,125 +6,95 @@ namespace {
 
 using namespace std::string_literals;
 
-class ListingTest : public test_support::RackFixture {
-protected:
-    // Two racks, in discovery order B7 (one slot) and A1 (two slots).
-    void startTwoRacks()
-    {
-        addRack("B7", 1);
-        addRack("A1", 2);
-        startLibrary(2);
-        clearLog();
-    }
+const std::string kNames = "Tessel B7 R1\0Tessel A1 R1\0Tessel A1 R2\0\0"s;
+const DWORD kSize = 40;  // three names of 12 characters with their NULs, and one NUL
 
-    const std::string expected = "Tessel B7 R1\0Tessel A1 R1\0Tessel A1 R2\0\0"s;
-    const DWORD expectedSize = 40;  // three names of 12 characters with their NULs, and one NUL
+LONG listReaders(char* buffer, DWORD* size) { return SCardListReadersA(0, nullptr, buffer, size); }
+LONG listReaders(WCHAR* buffer, DWORD* size) { return SCardListReadersW(0, nullptr, buffer, size); }
+std::basic_string<char> expectedNames(char) { return kNames; }
+std::basic_string<WCHAR> expectedNames(WCHAR) { return widen(kNames); }
+
+// How the host hands over its buffer: none (a size query), one of the exact
+// size, one a character short, SCARD_AUTOALLOCATE with a pointer to receive
+// the block or without one, and no size pointer at all.
+enum class Form { Query, Exact, Short, Auto, AutoWithoutPointer, NoSize };
+
+struct ListingCase {
+    bool wide;
+    Form form;
+    LONG result;
+    const char* trace;
 };
 
-TEST_F(ListingTest, SizeQueryCountsCharactersInBothForms)
+class ListingTest : public test_support::RackFixture {
+protected:
+    // Runs one case and checks what it hands back beside the trace.
+    template <typename Char>
+    void run(const ListingCase& c)
+    {
+        Guarded<Char> buffer(c.form == Form::Short ? kSize - 1 : kSize);
+        Char* block = nullptr;
+        DWORD size = c.form == Form::Short ? kSize - 1 : c.form == Form::Query ? 7 : kSize;
+        if (c.form == Form::Auto || c.form == Form::AutoWithoutPointer) size = SCARD_AUTOALLOCATE;
+        Char* target = c.form == Form::Query || c.form == Form::AutoWithoutPointer ? nullptr
+                       : c.form == Form::Auto ? reinterpret_cast<Char*>(&block)
+                                              : buffer.data();
+        EXPECT_EQ(listReaders(target, c.form == Form::NoSize ? nullptr : &size), c.result);
+        if (c.form != Form::NoSize) {
+            EXPECT_EQ(size, kSize) << "characters, not bytes; the size the host needs";
+        }
+        if (c.form == Form::Exact) {
+            EXPECT_EQ(std::basic_string<Char>(buffer.data(), kSize), expectedNames(Char()));
+        } else {
+            EXPECT_TRUE(buffer.untouched());
+        }
+        EXPECT_TRUE(buffer.guardIntact());
+        if (c.form == Form::Auto) {
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(std::basic_string<Char>(block, size), expectedNames(Char()));
+            EXPECT_EQ(SCardFreeMemory(0, block), SCARD_S_SUCCESS);
+        }
+    }
+};
+
+TEST_F(ListingTest, EveryBufferFormInBothWidths)
 {
-    startTwoRacks();
+    addRack("B7", 1);  // discovery order B7, then A1
+    addRack("A1", 2);
+    startLibrary(2);
 
-    DWORD narrow = 7;
-    EXPECT_EQ(SCardListReadersA(0, nullptr, nullptr, &narrow), SCARD_S_SUCCESS);
-    EXPECT_EQ(narrow, expectedSize);
-    EXPECT_EQ(logText(), "SCardListReadersA\nascii len is 40\nreached end of listreaders 40\n");
-
-    clearLog();
-    DWORD wide = 7;
-    EXPECT_EQ(SCardListReadersW(0, nullptr, nullptr, &wide), SCARD_S_SUCCESS);
-    EXPECT_EQ(wide, expectedSize) << "characters, not bytes";
-    EXPECT_EQ(logText(), "SCardListReadersW\nwide len is 40\nNo buffer provided\nreached end of Wlistreaders 40\n");
-}
-
-TEST_F(ListingTest, CallersBufferOfExactSizeIsFilledAndOneLessIsLeftAlone)
-{
-    startTwoRacks();
-
-    Guarded<char> exact(expectedSize);
-    DWORD size = expectedSize;
-    EXPECT_EQ(SCardListReadersA(0, nullptr, exact.data(), &size), SCARD_S_SUCCESS);
-    EXPECT_EQ(std::string(exact.data(), expectedSize), expected);
-    EXPECT_TRUE(exact.guardIntact());
-    EXPECT_EQ(size, expectedSize);
-
-    Guarded<char> small(expectedSize - 1);
-    size = expectedSize - 1;
-    EXPECT_EQ(SCardListReadersA(0, nullptr, small.data(), &size), SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_TRUE(small.untouched());
-    EXPECT_EQ(size, expectedSize) << "the size the host needs";
-
-    Guarded<WCHAR> wideExact(expectedSize);
-    size = expectedSize;
-    EXPECT_EQ(SCardListReadersW(0, nullptr, wideExact.data(), &size), SCARD_S_SUCCESS);
-    EXPECT_EQ(std::wstring(wideExact.data(), expectedSize), widen(expected));
-    EXPECT_TRUE(wideExact.guardIntact());
-
-    clearLog();
-    Guarded<WCHAR> wideSmall(expectedSize - 1);
-    size = expectedSize - 1;
-    EXPECT_EQ(SCardListReadersW(0, nullptr, wideSmall.data(), &size), SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_TRUE(wideSmall.untouched());
-    EXPECT_EQ(size, expectedSize);
-    EXPECT_EQ(logText(),
-              "SCardListReadersW\nwide len is 40\nSCARD_E_INSUFFICIENT_BUFFER\nreached end of Wlistreaders 40\n");
-}
-
-TEST_F(ListingTest, AutoAllocateHandsOverABlockThatFreeMemoryTakesBack)
-{
-    startTwoRacks();
-
-    char* narrow = nullptr;
-    DWORD size = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardListReadersA(0, nullptr, reinterpret_cast<LPSTR>(&narrow), &size), SCARD_S_SUCCESS);
-    ASSERT_NE(narrow, nullptr);
-    EXPECT_EQ(size, expectedSize);
-    EXPECT_EQ(std::string(narrow, size), expected);
-    EXPECT_EQ(SCardFreeMemory(0, narrow), SCARD_S_SUCCESS);
-    EXPECT_EQ(logText(), "SCardListReadersA\nascii len is 40\nSCARD_AUTOALLOCATE\nreached end of listreaders 40\n");
-
-    clearLog();
-    WCHAR* wide = nullptr;
-    size = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardListReadersW(0, nullptr, reinterpret_cast<LPWSTR>(&wide), &size), SCARD_S_SUCCESS);
-    ASSERT_NE(wide, nullptr);
-    EXPECT_EQ(size, expectedSize);
-    EXPECT_EQ(std::wstring(wide, size), widen(expected));
-    EXPECT_EQ(SCardFreeMemory(0, wide), SCARD_S_SUCCESS);
-    EXPECT_EQ(logText(), "SCardListReadersW\nwide len is 40\nSCARD_AUTOALLOCATE\nmalloc complete\n"
-                         "reached end of Wlistreaders 40\n");
-
+    const ListingCase cases[] = {
+        {false, Form::Query, SCARD_S_SUCCESS, "SCardListReadersA\nascii len is 40\nreached end of listreaders 40\n"},
+        {true, Form::Query, SCARD_S_SUCCESS,
+         "SCardListReadersW\nwide len is 40\nNo buffer provided\nreached end of Wlistreaders 40\n"},
+        {false, Form::Exact, SCARD_S_SUCCESS, "SCardListReadersA\nascii len is 40\nreached end of listreaders 40\n"},
+        {true, Form::Exact, SCARD_S_SUCCESS, "SCardListReadersW\nwide len is 40\nreached end of Wlistreaders 40\n"},
+        {false, Form::Short, SCARD_E_INSUFFICIENT_BUFFER,
+         "SCardListReadersA\nascii len is 40\nreached end of listreaders 40\n"},
+        {true, Form::Short, SCARD_E_INSUFFICIENT_BUFFER,
+         "SCardListReadersW\nwide len is 40\nSCARD_E_INSUFFICIENT_BUFFER\nreached end of Wlistreaders 40\n"},
+        {false, Form::Auto, SCARD_S_SUCCESS,
+         "SCardListReadersA\nascii len is 40\nSCARD_AUTOALLOCATE\nreached end of listreaders 40\n"},
+        {true, Form::Auto, SCARD_S_SUCCESS,
+         "SCardListReadersW\nwide len is 40\nSCARD_AUTOALLOCATE\nmalloc complete\nreached end of Wlistreaders 40\n"},
+        // The narrow form's trace of this case has no line end.
+        {false, Form::AutoWithoutPointer, SCARD_E_INVALID_PARAMETER,
+         "SCardListReadersA\nascii len is 40\nSCARD_AUTOALLOCATE\nSCardListReadersAreached end of listreaders 40\n"},
+        {true, Form::AutoWithoutPointer, SCARD_E_INVALID_PARAMETER,
+         "SCardListReadersW\nwide len is 40\nSCARD_AUTOALLOCATE\nreached end of Wlistreaders 40\n"},
+        {false, Form::NoSize, SCARD_E_INVALID_PARAMETER, "SCardListReadersA\n"},
+        {true, Form::NoSize, SCARD_E_INVALID_PARAMETER, "SCardListReadersW\nSCARD_E_INVALID_PARAMETER\n"},
+    };
+    for (const ListingCase& c : cases) {
+        SCOPED_TRACE(std::string(c.wide ? "wide, form " : "narrow, form ") + std::to_string(int(c.form)));
+        clearLog();
+        if (c.wide)
+            run<WCHAR>(c);
+        else
+            run<char>(c);
+        EXPECT_EQ(logText(), c.trace);
+    }
     EXPECT_EQ(SCardFreeMemory(0, nullptr), SCARD_S_SUCCESS);
-}
-
-TEST_F(ListingTest, AutoAllocateWithoutAPointerIsRefusedButReportsTheSize)
-{
-    startTwoRacks();
-
-    DWORD size = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardListReadersA(0, nullptr, nullptr, &size), SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(size, expectedSize);
-    // The narrow form's trace of this case has no line end.
-    EXPECT_EQ(logText(), "SCardListReadersA\nascii len is 40\nSCARD_AUTOALLOCATE\n"
-                         "SCardListReadersAreached end of listreaders 40\n");
-
-    clearLog();
-    size = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardListReadersW(0, nullptr, nullptr, &size), SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(size, expectedSize);
-    EXPECT_EQ(logText(), "SCardListReadersW\nwide len is 40\nSCARD_AUTOALLOCATE\nreached end of Wlistreaders 40\n");
-}
-
-TEST_F(ListingTest, NullSizePointerIsRefusedAtOnce)
-{
-    startTwoRacks();
-
-    char buffer[8] = {};
-    EXPECT_EQ(SCardListReadersA(0, nullptr, buffer, nullptr), SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(logText(), "SCardListReadersA\n");
-    clearLog();
-    EXPECT_EQ(SCardListReadersW(0, nullptr, nullptr, nullptr), SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(logText(), "SCardListReadersW\nSCARD_E_INVALID_PARAMETER\n");
 }
 
 TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)

@@ -115,16 +115,15 @@ TEST_F(StatusChangeTest, UnawareRecordsGetTheStateOfTheirReadersAfterOnePass)
     EXPECT_EQ(states[3].cbAtr, 99u);
     EXPECT_EQ(logText(), "SCardGetStatusChangeA\nTessel A1 R1\nTessel A1 R2\nTessel A1 R3\nTessel A1 R2\n");
 
-    // The wide form fills the same values.
+    // The wide form fills the same values, record after record.
     std::wstring names[3] = {L"Tessel A1 R1", L"Tessel A1 R2", L"Tessel A1 R3"};
-    SCARD_READERSTATEW wide[3];
+    const DWORD expected[3] = {kEmptySeen, kPresentSeen, kMuteSeen};
+    SCARD_READERSTATEW wide[10];
     std::memset(wide, 0, sizeof wide);
-    for (int i = 0; i < 3; ++i) wide[i].szReader = names[i].c_str();
-    EXPECT_EQ(SCardGetStatusChangeW(0, 0, wide, 3), SCARD_S_SUCCESS);
-    EXPECT_EQ(wide[0].dwEventState, kEmptySeen);
-    EXPECT_EQ(wide[1].dwEventState, kPresentSeen);
+    for (int i = 0; i < 10; ++i) wide[i].szReader = names[i % 3].c_str();
+    EXPECT_EQ(SCardGetStatusChangeW(0, 0, wide, 10), SCARD_S_SUCCESS);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(wide[i].dwEventState, expected[i % 3]) << i;
     EXPECT_EQ(wide[1].cbAtr, 3u);
-    EXPECT_EQ(wide[2].dwEventState, kMuteSeen);
 }
 
 TEST_F(StatusChangeTest, AStateTheHostKnowsTimesOutWithTheLastPassInTheRecords)
@@ -151,18 +150,12 @@ TEST_F(StatusChangeTest, AStateTheHostKnowsTimesOutWithTheLastPassInTheRecords)
     EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, &mute, 1), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, &mute, 1), SCARD_S_SUCCESS);
     EXPECT_EQ(mute.dwEventState, kMuteSeen);
-}
 
-TEST_F(StatusChangeTest, InfiniteWaitEndsAfterOneMinute)
-{
-    startThreeReaders();
-
-    SCARD_READERSTATEA empty = record("Tessel A1 R1", kEmptySeen);
+    // An INFINITE wait ends after one minute of library time, most of which
+    // has passed.
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, &empty, 1), SCARD_E_TIMEOUT);
-    auto elapsed = std::chrono::steady_clock::now() - start;
-    // 60 s of library time; at least most of it has passed.
-    EXPECT_GE(elapsed, std::chrono::milliseconds(55000 / kTimeScale));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(55000 / kTimeScale));
     EXPECT_EQ(empty.dwEventState, kEmptySeen);
 }
 
@@ -194,27 +187,6 @@ TEST_F(StatusChangeTest, AHostIsWokenWhenACardComesAndWhenItGoes)
     remover.join();
     EXPECT_EQ(states[0].dwEventState, kEmptySeen);
     EXPECT_EQ(states[0].cbAtr, 0u);
-}
-
-TEST_F(StatusChangeTest, TenRecordsAreWalkedInBothForms)
-{
-    startThreeReaders();
-
-    const DWORD expected[3] = {kEmptySeen, kPresentSeen, kMuteSeen};
-    SCARD_READERSTATEA narrow[10];
-    SCARD_READERSTATEW wide[10];
-    std::wstring wideNames[3] = {L"Tessel A1 R1", L"Tessel A1 R2", L"Tessel A1 R3"};
-    for (int i = 0; i < 10; ++i) {
-        narrow[i] = record(readerName("A1", i % 3 + 1), SCARD_STATE_UNAWARE);
-        std::memset(&wide[i], 0, sizeof wide[i]);
-        wide[i].szReader = wideNames[i % 3].c_str();
-    }
-    EXPECT_EQ(SCardGetStatusChangeA(0, 0, narrow, 10), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardGetStatusChangeW(0, 0, wide, 10), SCARD_S_SUCCESS);
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(narrow[i].dwEventState, expected[i % 3]) << i;
-        EXPECT_EQ(wide[i].dwEventState, expected[i % 3]) << i;
-    }
 }
 
 TEST_F(StatusChangeTest, APassNeverSeesTheBytesOfOneAtrWithTheLengthOfAnother)

@@ -1,34 +1,22 @@
-// Helpers of the robustness tests: exchanges through the exported API with
-// echo cards, the state an exchange may leave behind, and log searches.
+// Helpers of the robustness tests: racks of echo cards, exchanges through
+// the exported API, and the hexDump form of the trace. Reader names, log
+// searches and connects are shared with the PC/SC tests.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include "link/rack.h"
-#include "pcsc/lookups.h"
-#include "pcsc/winscard_api.h"
-#include "reader/reader.h"
-#include "support/rack_fixture.h"
+#include "pcsc/pcsc_test_support.h"
 
 namespace robustness {
 
 using Bytes = std::vector<uint8_t>;
+using pcsc_test::containsInOrder;
+using pcsc_test::countOf;
+using pcsc_test::readerName;
+using pcsc_test::readerNamed;
+using test_support::waitUntil;
 
-inline std::string readerName(const std::string& serial, int address)
-{
-    return "Tessel " + serial + " R" + std::to_string(address);
-}
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-inline Reader* readerNamed(const std::string& name)
-{
-    Rack* rack = rackByReaderName(name.c_str());
-    return rack != nullptr ? rack->readerByName(name.c_str()) : nullptr;
-}
+inline SCARDHANDLE connect(const std::string& name) { return pcsc_test::connectTo(name, SCARD_PROTOCOL_T1); }
 
 // One SCardTransmit and everything it hands back. The receive buffer is
 // larger than any answer, and bytes the call did not write keep their fill.
@@ -42,9 +30,7 @@ struct Exchange {
     Bytes answer() const { return Bytes(buffer.begin(), buffer.begin() + std::min<size_t>(length, buffer.size())); }
     bool bufferUntouched() const
     {
-        for (uint8_t b : buffer)
-            if (b != fill) return false;
-        return true;
+        return std::all_of(buffer.begin(), buffer.end(), [](uint8_t b) { return b == fill; });
     }
 };
 
@@ -56,37 +42,6 @@ inline Exchange transmit(SCARDHANDLE handle, const Bytes& command, DWORD capacit
     e.result = SCardTransmit(handle, &g_rgSCardT1Pci, command.data(), static_cast<DWORD>(command.size()), nullptr,
                              e.buffer.data(), &e.length);
     return e;
-}
-
-inline SCARDHANDLE connect(const std::string& name)
-{
-    SCARDHANDLE handle = 0;
-    DWORD active = 0;
-    EXPECT_EQ(SCardConnectA(1, name.c_str(), SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle, &active),
-              SCARD_S_SUCCESS)
-        << name;
-    return handle;
-}
-
-inline size_t countOf(const std::string& text, const std::string& part)
-{
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
-    return count;
-}
-
-inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-// True if the parts occur in `text` in this order, without overlapping.
-inline bool containsInOrder(const std::string& text, const std::vector<std::string>& parts)
-{
-    size_t at = 0;
-    for (const std::string& part : parts) {
-        size_t found = text.find(part, at);
-        if (found == std::string::npos) return false;
-        at = found + part.size();
-    }
-    return true;
 }
 
 // The hexDump form of the trace log: two lower-case digits and a blank each.
@@ -101,5 +56,19 @@ inline std::string hexText(const Bytes& bytes)
     }
     return text;
 }
+
+class EchoRackFixture : public test_support::RackFixture {
+protected:
+    // A rack whose every slot holds a T=1 card that echoes each command.
+    int echoRack(const std::string& serial, int slots)
+    {
+        int device = addRack(serial, slots);
+        for (int a = 1; a <= slots; ++a) {
+            insertCard(device, a, test_support::atrT1());
+            rackSimSetEcho(device, a);
+        }
+        return device;
+    }
+};
 
 }  // namespace robustness
