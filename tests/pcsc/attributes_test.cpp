@@ -73,7 +73,9 @@ protected:
             for (size_t i = written.size(); i < c.capacity + Guarded<BYTE>::guardCount; ++i)
                 ASSERT_EQ(buffer[i], 0x5A) << "written at " << i;
         }
-        if (c.trace != nullptr) EXPECT_EQ(logText(), c.trace);
+        if (c.trace != nullptr) {
+            EXPECT_EQ(logText(), c.trace);
+        }
     }
 };
 

@@ -149,7 +149,9 @@ TEST_F(SimObserve, ManyWritersAndOneReaderLoseNothing)
         const Bytes frame(stream.begin() + static_cast<long>(i), stream.begin() + static_cast<long>(i + size));
         EXPECT_TRUE(sumsToZero(frame));
         if (frame[3] == 0x06) ++acks[frame[1]];
-        if (frame[3] == 0x04) EXPECT_EQ(frame[6] << 8 | frame[7], answers[frame[1]]++) << "slot " << int(frame[1]);
+        if (frame[3] == 0x04) {
+            EXPECT_EQ(frame[6] << 8 | frame[7], answers[frame[1]]++) << "slot " << int(frame[1]);
+        }
         i += size;
     }
     EXPECT_EQ(stream.size(), expected);
