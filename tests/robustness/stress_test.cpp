@@ -59,26 +59,37 @@ Bytes stressCommand(int thread, int n)
     return command;
 }
 
-TEST_F(Stress, ThirtyTwoThreadsOnTwoRacksGetEveryAnswerOnceAndOnlyTheirOwn)
+struct Load {
+    int racks;
+    int threads;
+    int exchangesPerThread;
+};
+
+class Exchanges : public Stress, public ::testing::WithParamInterface<Load> {};
+
+TEST_P(Exchanges, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
 {
-    const int devices[2] = {echoRack("S1", kSlotsPerRack), echoRack("S2", kSlotsPerRack)};
-    startLibrary(2);
+    const Load load = GetParam();
+    const int racks = load.racks, threads = load.threads, exchanges = load.exchangesPerThread;
+    std::vector<int> devices;
+    for (int r = 0; r < racks; ++r) devices.push_back(echoRack(r == 0 ? "S1" : "S2", kSlotsPerRack));
+    startLibrary(static_cast<size_t>(racks));
     if (HasFatalFailure()) return;
     discardLog();
     for (int device : devices) rackSimClearWireLog(device);
 
-    // Thread t works on rack t % 2, on the slot t / 2 + 1: 16 readers of
-    // each rack, every thread on its own. Each counts its own commands that
+    // Thread t works on rack t % racks, on the slot t / racks + 1: every
+    // thread on a reader of its own. Each counts its own commands that
     // came back whole, and tells what the first failure was: the call
     // failed, or the answer was one of its own earlier commands (stale),
     // another thread's (foreign) or no command of the run (damaged).
-    std::vector<int> answered(kThreads, 0);
-    std::vector<std::string> firstProblem(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &answered, &firstProblem] {
-            SCARDHANDLE handle = connect(readerName(t % 2 == 0 ? "S1" : "S2", t / 2 + 1));
-            for (int n = 0; n < kExchangesPerThread; ++n) {
+    std::vector<int> answered(static_cast<size_t>(threads), 0);
+    std::vector<std::string> firstProblem(static_cast<size_t>(threads));
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([t, racks, exchanges, &answered, &firstProblem] {
+            SCARDHANDLE handle = connect(readerName(t % racks == 0 ? "S1" : "S2", t / racks + 1));
+            for (int n = 0; n < exchanges; ++n) {
                 const Bytes command = stressCommand(t, n);
                 Exchange e = transmit(handle, command, 64);
                 const Bytes answer = e.answer();
@@ -99,15 +110,15 @@ TEST_F(Stress, ThirtyTwoThreadsOnTwoRacksGetEveryAnswerOnceAndOnlyTheirOwn)
             }
         });
     }
-    for (auto& thread : threads) thread.join();
-    for (int t = 0; t < kThreads; ++t)
-        EXPECT_EQ(answered[t], kExchangesPerThread) << "thread " << t << ", first problem " << firstProblem[t];
+    for (auto& worker : workers) worker.join();
+    for (int t = 0; t < threads; ++t)
+        EXPECT_EQ(answered[t], exchanges) << "thread " << t << ", first problem " << firstProblem[t];
 
     // Each command went out exactly once, to its own slot, and the cards
     // answered exactly as many as were sent, one message at a time per bus.
-    for (int r = 0; r < 2; ++r) {
-        const int device = devices[r];
-        EXPECT_EQ(rackSimCounter(device, RACKSIM_COMMANDS_ANSWERED), kThreads / 2 * kExchangesPerThread) << r;
+    for (int r = 0; r < racks; ++r) {
+        const int device = devices[static_cast<size_t>(r)];
+        EXPECT_EQ(rackSimCounter(device, RACKSIM_COMMANDS_ANSWERED), threads / racks * exchanges) << r;
         EXPECT_EQ(rackSimCounter(device, RACKSIM_BUS_VIOLATIONS), 0) << r;
         EXPECT_EQ(rackSimCounter(device, RACKSIM_BAD_FRAMES_FROM_HOST), 0) << r;
         std::vector<int> perSlot(kSlotsPerRack + 1, 0);
@@ -115,14 +126,23 @@ TEST_F(Stress, ThirtyTwoThreadsOnTwoRacksGetEveryAnswerOnceAndOnlyTheirOwn)
             if (frame.size() >= 5 && frame[3] == 0x40 && frame[1] >= 1 && frame[1] <= kSlotsPerRack) {
                 ++perSlot[frame[1]];
                 // The command in the frame is the one of the thread on that slot.
-                EXPECT_EQ(frame[6], static_cast<uint8_t>((frame[1] - 1) * 2 + r)) << "slot " << int(frame[1]);
+                EXPECT_EQ(frame[6], static_cast<uint8_t>((frame[1] - 1) * racks + r)) << "slot " << int(frame[1]);
             }
         for (int a = 1; a <= kSlotsPerRack; ++a)
-            EXPECT_EQ(perSlot[a], a <= kThreads / 2 ? kExchangesPerThread : 0) << "rack " << r << " slot " << a;
+            EXPECT_EQ(perSlot[a], a <= threads / racks ? exchanges : 0) << "rack " << r << " slot " << a;
         EXPECT_FALSE(g_racks[r]->isLocked());
         EXPECT_EQ(g_racks[r]->queuedTurns(), 0u);
     }
 }
+
+// Eight threads on eight readers of one rack and of two racks, and the
+// full load: thirty-two threads on two racks.
+INSTANTIATE_TEST_SUITE_P(Loads, Exchanges,
+                         ::testing::Values(Load{1, 8, 50}, Load{2, 8, 50}, Load{2, kThreads, kExchangesPerThread}),
+                         [](const ::testing::TestParamInfo<Load>& info) {
+                             return std::to_string(info.param.threads) + "ThreadsOn" +
+                                    std::to_string(info.param.racks) + "Racks";
+                         });
 
 // The names of a listing, as a list.
 std::vector<std::string> namesOf(const char* multiString, DWORD size)
