@@ -36,12 +36,14 @@ void Rack::receiveLoop()
         // its bytes that keep coming would keep the quiet-link watchdog from
         // ever firing. Once reading has stopped for it, it is given up at
         // once, the way the watchdog gives one up.
-        bool cannotComplete = rxMsgLastIndexOf >= kReadLimit && expectedLength > kLargestFrame;
+        bool cannotComplete = rxMsgLastIndexOf >= kReadLimit && rxMsg[0] == RackFrame::sync &&
+                              receivedFrameSize(rxMsg) > kLargestFrame;
         if (quietTooLong || cannotComplete) {
             logWrite("messages confused, fixing\n");
             rxMsg[0] = 0;
             receiveBytes(0);
             receiveBytes(0);
+            parseWhatIsHeld();
         }
 
         // A failed status call must not leave the loop acting on the count
