@@ -7,71 +7,88 @@ namespace {
 
 using namespace std::string_literals;
 
-class CardStatusTest : public test_support::RackFixture {
+class CardStatusTest : public OneRackTest {
 protected:
     // R1: a card with a 4-byte ATR; R2: empty; R3: a mute card.
     void startReaders()
     {
-        device_ = addRack("A1", 3);
-        insertCard(device_, 1, atrT0ThenT1());
-        insertCard(device_, 3, atrOnlyT1());
-        startLibrary(1);
-        rackSimMuteCard(device_, 3);
-        ASSERT_TRUE(waitUntil([] { return readerNamed("Tessel A1 R3")->cardState() == kStateMuteCard; }));
+        startRack({atrT0ThenT1(), {}, atrOnlyT1()}, 3);
         withCard_ = readerNamed("Tessel A1 R1")->handle;
         empty_ = readerNamed("Tessel A1 R2")->handle;
         mute_ = readerNamed("Tessel A1 R3")->handle;
-        clearLog();
     }
 
     const std::string name_ = "Tessel A1 R1";
     const DWORD nameLength_ = 13;  // the name and one NUL
-    int device_ = -1;
     SCARDHANDLE withCard_ = 0, empty_ = 0, mute_ = 0;
 };
 
-TEST_F(CardStatusTest, BuffersOfExactSizeOrNoneGetEveryOutput)
+// Name and ATR buffers of a given room, narrow or wide: a short buffer gets
+// what fits (a name without room for its NUL gets nothing past its end),
+// the full lengths are reported and every other output is still delivered.
+TEST_F(CardStatusTest, EachBufferGetsWhatFitsAndEveryOtherOutputStillComes)
 {
     startReaders();
+    struct Case {
+        bool wide;
+        DWORD nameRoom, atrRoom;
+        LONG result;
+        const char* trace;  // checked when given
+    };
+    const Case cases[] = {
+        {false, 13, 4, SCARD_S_SUCCESS, "SCardStatusA\n"},
+        {true, 13, 4, SCARD_S_SUCCESS, nullptr},
+        {false, 13, 3, SCARD_E_INSUFFICIENT_BUFFER, nullptr},
+        {false, 12, 32, SCARD_E_INSUFFICIENT_BUFFER, nullptr},
+        {false, 5, 32, SCARD_E_INSUFFICIENT_BUFFER, nullptr},
+        {false, 0, 32, SCARD_E_INSUFFICIENT_BUFFER, nullptr},
+        {true, 6, 32, SCARD_E_INSUFFICIENT_BUFFER, nullptr},
+    };
+    const std::vector<uint8_t> whole = atrT0ThenT1();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << (c.wide ? "W " : "A ") << c.nameRoom << "/" << c.atrRoom);
+        clearLog();
+        Guarded<char> narrow(c.nameRoom);
+        Guarded<WCHAR> wide(c.nameRoom);
+        Guarded<BYTE> atr(c.atrRoom);
+        DWORD nameSize = c.nameRoom, atrSize = c.atrRoom, state = 0, protocol = 0;
+        const LONG result =
+            c.wide ? SCardStatusW(withCard_, wide.data(), &nameSize, &state, &protocol, atr.data(), &atrSize)
+                   : SCardStatusA(withCard_, narrow.data(), &nameSize, &state, &protocol, atr.data(), &atrSize);
+        EXPECT_EQ(result, c.result);
+        EXPECT_TRUE(narrow.guardIntact());
+        EXPECT_TRUE(wide.guardIntact());
+        EXPECT_EQ(nameSize, nameLength_) << "characters, not bytes";
+        if (c.nameRoom >= nameLength_) {
+            EXPECT_EQ(c.wide ? std::wstring(wide.data(), nameLength_) : widen(std::string(narrow.data(), nameLength_)),
+                      widen(name_ + "\0"s));
+        }
+        const size_t atrCopied = std::min<size_t>(c.atrRoom, whole.size());
+        EXPECT_EQ(atr.contents(atrCopied), std::vector<uint8_t>(whole.begin(), whole.begin() + atrCopied));
+        EXPECT_TRUE(atr.guardIntact());
+        EXPECT_EQ(atrSize, 4u);
+        EXPECT_EQ(state, kStateCard) << "this system's own state value, unchanged";
+        EXPECT_EQ(protocol, SCARD_PROTOCOL_T0) << "nobody has connected: T=0";
+        if (c.trace != nullptr) {
+            EXPECT_EQ(logText(), c.trace);
+        }
+    }
+}
 
-    Guarded<char> name(nameLength_);
-    Guarded<BYTE> atr(4);
-    DWORD nameSize = nameLength_, atrSize = 4, state = 0, protocol = 0;
-    EXPECT_EQ(SCardStatusA(withCard_, name.data(), &nameSize, &state, &protocol, atr.data(), &atrSize),
-              SCARD_S_SUCCESS);
-    EXPECT_EQ(std::string(name.data(), nameLength_), name_ + "\0"s);
-    EXPECT_TRUE(name.guardIntact());
-    EXPECT_EQ(atr.contents(4), atrT0ThenT1());
-    EXPECT_TRUE(atr.guardIntact());
+TEST_F(CardStatusTest, NullOutputsAskForLengthsOrNothingAndTheStateFollowsTheCard)
+{
+    startReaders();
+    DWORD nameSize = 0, atrSize = 0, state = 0, protocol = 0;
+    EXPECT_EQ(SCardStatusA(withCard_, nullptr, &nameSize, nullptr, nullptr, nullptr, &atrSize), SCARD_S_SUCCESS);
     EXPECT_EQ(nameSize, nameLength_);
     EXPECT_EQ(atrSize, 4u);
-    EXPECT_EQ(state, kStateCard) << "this system's own state value, unchanged";
-    EXPECT_EQ(protocol, SCARD_PROTOCOL_T0) << "nobody has connected: T=0";
-    EXPECT_EQ(logText(), "SCardStatusA\n");
-
-    Guarded<WCHAR> wide(nameLength_);
-    nameSize = nameLength_;
-    atrSize = 4;
-    EXPECT_EQ(SCardStatusW(withCard_, wide.data(), &nameSize, &state, &protocol, atr.data(), &atrSize),
-              SCARD_S_SUCCESS);
-    EXPECT_EQ(std::wstring(wide.data(), nameLength_), widen(name_ + "\0"s));
-    EXPECT_TRUE(wide.guardIntact());
-    EXPECT_EQ(nameSize, nameLength_) << "characters, not bytes";
+    EXPECT_EQ(SCardStatusA(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardStatusW(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
 
     // After a connect with T=1 the protocol reads T=1.
     connectTo(name_, SCARD_PROTOCOL_T1);
     EXPECT_EQ(SCardStatusA(withCard_, nullptr, nullptr, nullptr, &protocol, nullptr, nullptr), SCARD_S_SUCCESS);
     EXPECT_EQ(protocol, SCARD_PROTOCOL_T1);
-
-    // Null outputs ask for lengths or for nothing.
-    nameSize = 0;
-    atrSize = 0;
-    EXPECT_EQ(SCardStatusA(withCard_, nullptr, &nameSize, nullptr, nullptr, nullptr, &atrSize), SCARD_S_SUCCESS);
-    EXPECT_EQ(nameSize, nameLength_);
-    EXPECT_EQ(atrSize, 4u);
-
-    EXPECT_EQ(SCardStatusA(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardStatusW(withCard_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
 
     // A mute card: present with the mute bit, no ATR.
     atrSize = 32;
@@ -80,50 +97,6 @@ TEST_F(CardStatusTest, BuffersOfExactSizeOrNoneGetEveryOutput)
     EXPECT_EQ(state, kStateMuteCard);
     EXPECT_EQ(atrSize, 0u);
     EXPECT_TRUE(noAtr.untouched());
-}
-
-TEST_F(CardStatusTest, ShortBuffersGetWhatFitsAndTheRestIsStillDelivered)
-{
-    startReaders();
-
-    // ATR one byte short: cut, reported whole, the call goes on.
-    Guarded<char> name(nameLength_);
-    Guarded<BYTE> atr(3);
-    DWORD nameSize = nameLength_, atrSize = 3, state = 0, protocol = 0;
-    EXPECT_EQ(SCardStatusA(withCard_, name.data(), &nameSize, &state, &protocol, atr.data(), &atrSize),
-              SCARD_E_INSUFFICIENT_BUFFER);
-    const std::vector<uint8_t> whole = atrT0ThenT1();
-    EXPECT_EQ(atr.contents(3), std::vector<uint8_t>(whole.begin(), whole.begin() + 3));
-    EXPECT_TRUE(atr.guardIntact());
-    EXPECT_EQ(atrSize, 4u);
-    EXPECT_EQ(std::string(name.data(), nameLength_), name_ + "\0"s);
-    EXPECT_EQ(state, kStateCard);
-    EXPECT_EQ(protocol, SCARD_PROTOCOL_T0);
-
-    // Name without room for its NUL: nothing is written past the buffer,
-    // and the ATR still comes.
-    for (DWORD size : {DWORD(12), DWORD(5), DWORD(0)}) {
-        Guarded<char> shortName(size);
-        Guarded<BYTE> wholeAtr(32);
-        nameSize = size;
-        atrSize = 32;
-        state = 0;
-        EXPECT_EQ(SCardStatusA(withCard_, shortName.data(), &nameSize, &state, &protocol, wholeAtr.data(), &atrSize),
-                  SCARD_E_INSUFFICIENT_BUFFER)
-            << size;
-        EXPECT_TRUE(shortName.guardIntact()) << size;
-        EXPECT_EQ(nameSize, nameLength_);
-        EXPECT_EQ(wholeAtr.contents(4), atrT0ThenT1());
-        EXPECT_EQ(atrSize, 4u);
-        EXPECT_EQ(state, kStateCard);
-    }
-
-    Guarded<WCHAR> shortWide(6);
-    nameSize = 6;
-    EXPECT_EQ(SCardStatusW(withCard_, shortWide.data(), &nameSize, nullptr, nullptr, nullptr, nullptr),
-              SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_TRUE(shortWide.guardIntact());
-    EXPECT_EQ(nameSize, nameLength_);
 }
 
 TEST_F(CardStatusTest, AutoAllocateHandsOverBlocksThatFreeMemoryTakesBack)

@@ -9,17 +9,12 @@ namespace {
 constexpr uint8_t kSelectT0 = 0x20;
 constexpr uint8_t kSelectT1 = 0x60;
 
-class ConnectionsTest : public test_support::RackFixture {
+class ConnectionsTest : public OneRackTest {
 protected:
     // R1: T=1 only; R2: T=0 then T=1; R3: no protocol named; R4: empty.
     void startFourReaders()
     {
-        device_ = addRack("A1", 4);
-        insertCard(device_, 1, atrOnlyT1());
-        insertCard(device_, 2, atrT0ThenT1());
-        insertCard(device_, 3, atrWithoutProtocol());
-        startLibrary(1);
-        rackSimClearWireLog(device_);
+        startRack({atrOnlyT1(), atrT0ThenT1(), atrWithoutProtocol(), {}});
         restartLog();
     }
 
@@ -80,8 +75,6 @@ protected:
             if (frame.size() == 5 && (frame[3] == kSelectT0 || frame[3] == kSelectT1)) bytes.push_back(frame[3]);
         return bytes;
     }
-
-    int device_ = -1;
 };
 
 TEST_F(ConnectionsTest, TheProtocolIsChosenAgainstTheAtr)

@@ -104,9 +104,32 @@ inline SCARDHANDLE connectTo(const std::string& name, DWORD preferred = SCARD_PR
     return handle;
 }
 
-// The ATR examples of the card state part: T=1 alone; T=0 then T=1; none.
+// The example ATRs: T=1 alone; T=0 then T=1; none.
 inline std::vector<uint8_t> atrOnlyT1() { return {0x3B, 0x80, 0x01}; }
 inline std::vector<uint8_t> atrT0ThenT1() { return {0x3B, 0x80, 0x80, 0x01}; }
 inline std::vector<uint8_t> atrWithoutProtocol() { return {0x3B, 0x60, 0x00, 0x00}; }
+
+// One rack "A1" with a slot per entry of `cards` (an empty ATR leaves the
+// slot empty), the library started, the card at `muteAddress` (if any)
+// turned mute, the wire log and the trace log cleared.
+class OneRackTest : public test_support::RackFixture {
+protected:
+    void startRack(const std::vector<std::vector<uint8_t>>& cards, int muteAddress = 0)
+    {
+        device_ = addRack("A1", static_cast<int>(cards.size()));
+        for (size_t i = 0; i < cards.size(); ++i)
+            if (!cards[i].empty()) insertCard(device_, static_cast<int>(i + 1), cards[i]);
+        startLibrary(1);
+        if (muteAddress != 0) {
+            rackSimMuteCard(device_, muteAddress);
+            const std::string name = readerName("A1", muteAddress);
+            ASSERT_TRUE(waitUntil([&] { return readerNamed(name)->cardState() == kStateMuteCard; }));
+        }
+        rackSimClearWireLog(device_);
+        clearLog();
+    }
+
+    int device_ = -1;
+};
 
 }  // namespace pcsc_test

@@ -16,19 +16,10 @@ constexpr DWORD kEmptySeen = SCARD_STATE_CHANGED | SCARD_STATE_EMPTY;
 constexpr DWORD kPresentSeen = SCARD_STATE_CHANGED | SCARD_STATE_PRESENT;
 constexpr DWORD kMuteSeen = SCARD_STATE_CHANGED | SCARD_STATE_PRESENT | SCARD_STATE_MUTE;
 
-class StatusChangeTest : public test_support::RackFixture {
+class StatusChangeTest : public OneRackTest {
 protected:
     // R1 empty, R2 a card with a T=1 ATR, R3 a card that turns mute.
-    void startThreeReaders()
-    {
-        device_ = addRack("A1", 3);
-        insertCard(device_, 2, atrOnlyT1());
-        insertCard(device_, 3, atrOnlyT1());
-        startLibrary(1);
-        rackSimMuteCard(device_, 3);
-        ASSERT_TRUE(waitUntil([] { return readerNamed("Tessel A1 R3")->cardState() == kStateMuteCard; }));
-        clearLog();
-    }
+    void startThreeReaders() { startRack({{}, atrOnlyT1(), atrOnlyT1()}, 3); }
 
     SCARD_READERSTATEA record(const std::string& name, DWORD known)
     {
@@ -43,7 +34,6 @@ protected:
         return state;
     }
 
-    int device_ = -1;
     std::deque<std::string> names_;
 };
 
@@ -93,37 +83,49 @@ TEST_F(StatusChangeTest, ChecksBeforeTheWaitLeaveTheRecordsAsTheyCame)
     EXPECT_EQ(SCardGetStatusChangeA(0, 0, &unnamed, 1), SCARD_E_INVALID_PARAMETER);
 }
 
+// One table of records for both forms: unaware records get the state of
+// their readers after one pass; an ignored record is cleared and not visited.
+// The wide form takes the table four times over, record after record.
 TEST_F(StatusChangeTest, UnawareRecordsGetTheStateOfTheirReadersAfterOnePass)
 {
     startThreeReaders();
+    struct Row {
+        const char* name;
+        DWORD known, seen, atrLength;
+    };
+    const Row rows[4] = {{"Tessel A1 R1", SCARD_STATE_UNAWARE, kEmptySeen, 0},
+                         {"Tessel A1 R2", SCARD_STATE_UNAWARE, kPresentSeen, 3},
+                         {"Tessel A1 R3", SCARD_STATE_UNAWARE, kMuteSeen, 0},
+                         {"Tessel A1 R2", SCARD_STATE_IGNORE, 0, 99}};
+    auto check = [&](const auto& got, const Row& row, size_t i) {
+        EXPECT_EQ(got.dwEventState, row.seen) << i;
+        ASSERT_EQ(got.cbAtr, row.atrLength) << i;
+        if (row.atrLength == 3) {
+            EXPECT_EQ(std::vector<uint8_t>(got.rgbAtr, got.rgbAtr + 3), atrOnlyT1()) << i;
+            EXPECT_EQ(got.rgbAtr[3], 0xEE) << i << ": bytes behind the ATR keep what the host left";
+        }
+    };
 
-    SCARD_READERSTATEA states[4] = {record("Tessel A1 R1", SCARD_STATE_UNAWARE),
-                                    record("Tessel A1 R2", SCARD_STATE_UNAWARE),
-                                    record("Tessel A1 R3", SCARD_STATE_UNAWARE),
-                                    record("Tessel A1 R2", SCARD_STATE_IGNORE)};
-    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, states, 4), SCARD_S_SUCCESS);
-
-    EXPECT_EQ(states[0].dwEventState, kEmptySeen);
-    EXPECT_EQ(states[0].cbAtr, 0u);
-    EXPECT_EQ(states[1].dwEventState, kPresentSeen);
-    ASSERT_EQ(states[1].cbAtr, 3u);
-    EXPECT_EQ(std::vector<uint8_t>(states[1].rgbAtr, states[1].rgbAtr + 3), atrOnlyT1());
-    EXPECT_EQ(states[1].rgbAtr[3], 0xEE) << "bytes behind the ATR keep what the host left";
-    EXPECT_EQ(states[2].dwEventState, kMuteSeen);
-    EXPECT_EQ(states[2].cbAtr, 0u);
-    EXPECT_EQ(states[3].dwEventState, 0u) << "an ignored record is cleared and not visited";
-    EXPECT_EQ(states[3].cbAtr, 99u);
+    SCARD_READERSTATEA narrow[4];
+    for (size_t i = 0; i < 4; ++i) narrow[i] = record(rows[i].name, rows[i].known);
+    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, narrow, 4), SCARD_S_SUCCESS);
+    for (size_t i = 0; i < 4; ++i) check(narrow[i], rows[i], i);
     EXPECT_EQ(logText(), "SCardGetStatusChangeA\nTessel A1 R1\nTessel A1 R2\nTessel A1 R3\nTessel A1 R2\n");
 
-    // The wide form fills the same values, record after record.
-    std::wstring names[3] = {L"Tessel A1 R1", L"Tessel A1 R2", L"Tessel A1 R3"};
-    const DWORD expected[3] = {kEmptySeen, kPresentSeen, kMuteSeen};
-    SCARD_READERSTATEW wide[10];
-    std::memset(wide, 0, sizeof wide);
-    for (int i = 0; i < 10; ++i) wide[i].szReader = names[i % 3].c_str();
-    EXPECT_EQ(SCardGetStatusChangeW(0, 0, wide, 10), SCARD_S_SUCCESS);
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(wide[i].dwEventState, expected[i % 3]) << i;
-    EXPECT_EQ(wide[1].cbAtr, 3u);
+    std::deque<std::wstring> wideNames;
+    SCARD_READERSTATEW wide[16];
+    for (size_t i = 0; i < 16; ++i) {
+        const SCARD_READERSTATEA from = record(rows[i % 4].name, rows[i % 4].known);
+        std::memcpy(wide[i].rgbAtr, from.rgbAtr, sizeof wide[i].rgbAtr);
+        wideNames.push_back(widen(rows[i % 4].name));
+        wide[i].szReader = wideNames.back().c_str();
+        wide[i].pvUserData = nullptr;
+        wide[i].dwCurrentState = from.dwCurrentState;
+        wide[i].dwEventState = from.dwEventState;
+        wide[i].cbAtr = from.cbAtr;
+    }
+    EXPECT_EQ(SCardGetStatusChangeW(0, 0, wide, 16), SCARD_S_SUCCESS);
+    for (size_t i = 0; i < 16; ++i) check(wide[i], rows[i % 4], i);
 }
 
 TEST_F(StatusChangeTest, AStateTheHostKnowsTimesOutWithTheLastPassInTheRecords)

@@ -17,14 +17,11 @@ namespace {
 
 const std::vector<uint8_t> kSelect = {0x00, 0xA4, 0x04, 0x00};
 
-class TransmitTest : public test_support::RackFixture {
+class TransmitTest : public OneRackTest {
 protected:
     void startReaders()
     {
-        device_ = addRack("A1", 2);
-        insertCard(device_, 1, atrOnlyT1());
-        insertCard(device_, 2, atrOnlyT1());
-        startLibrary(1);
+        startRack({atrOnlyT1(), atrOnlyT1()});
         handle_ = connectTo("Tessel A1 R1", SCARD_PROTOCOL_T1);
         other_ = connectTo("Tessel A1 R2", SCARD_PROTOCOL_T1);
         reader_ = readerNamed("Tessel A1 R1");
@@ -49,42 +46,53 @@ protected:
         return frames;
     }
 
-    int device_ = -1;
     SCARDHANDLE handle_ = 0, other_ = 0;
     Reader* reader_ = nullptr;
     Rack* rack_ = nullptr;
 };
 
+// Each argument fault is refused before anything goes out, with its result,
+// its trace, and the answer length left as the host set it.
 TEST_F(TransmitTest, ArgumentsAreCheckedBeforeAnythingGoesOut)
 {
     startReaders();
     BYTE answer[16];
-    DWORD length = 16;
-    const BYTE* command = kSelect.data();
-
-    EXPECT_EQ(SCardTransmit(handle_, nullptr, command, 4, nullptr, answer, &length), SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, nullptr, 4, nullptr, answer, &length),
-              SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, command, 4, nullptr, nullptr, &length),
-              SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, command, 4, nullptr, answer, nullptr),
-              SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(length, 16u);
-    EXPECT_EQ(logText(), std::string("SCardTransmit\ninvalid param\n") + "SCardTransmit\ninvalid param\n" +
-                             "SCardTransmit\ninvalid param\n" + "SCardTransmit\ninvalid param\n");
-
-    clearLog();
-    std::vector<uint8_t> tooLong(256, 0x11);
-    length = 300;
-    EXPECT_EQ(SCardTransmit(handle_, &g_rgSCardT1Pci, tooLong.data(), 256, nullptr, answer, &length),
-              SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_EQ(length, 300u);
-    EXPECT_EQ(logText(), "SCardTransmit\ninvalid length, cbSend: 256, pcbRecv: 300\n");
-
-    clearLog();
-    EXPECT_EQ(SCardTransmit(0x1234, &g_rgSCardT1Pci, command, 4, nullptr, answer, &length), SCARD_E_INVALID_HANDLE);
-    EXPECT_EQ(length, 300u);
-    EXPECT_EQ(logText(), "SCardTransmit\n");
+    const std::vector<uint8_t> tooLong(256, 0x11);
+    struct Case {
+        const char* what;
+        SCARDHANDLE handle;
+        const SCARD_IO_REQUEST* pci;
+        const BYTE* command;
+        DWORD commandLength;
+        BYTE* answer;
+        bool withLength;
+        LONG result;
+        std::string trace;
+    };
+    const Case cases[] = {
+        {"no pci", handle_, nullptr, kSelect.data(), 4, answer, true, SCARD_E_INVALID_PARAMETER,
+         "SCardTransmit\ninvalid param\n"},
+        {"no command", handle_, &g_rgSCardT1Pci, nullptr, 4, answer, true, SCARD_E_INVALID_PARAMETER,
+         "SCardTransmit\ninvalid param\n"},
+        {"no answer buffer", handle_, &g_rgSCardT1Pci, kSelect.data(), 4, nullptr, true, SCARD_E_INVALID_PARAMETER,
+         "SCardTransmit\ninvalid param\n"},
+        {"no answer length", handle_, &g_rgSCardT1Pci, kSelect.data(), 4, answer, false, SCARD_E_INVALID_PARAMETER,
+         "SCardTransmit\ninvalid param\n"},
+        {"command too long", handle_, &g_rgSCardT1Pci, tooLong.data(), 256, answer, true, SCARD_E_INSUFFICIENT_BUFFER,
+         "SCardTransmit\ninvalid length, cbSend: 256, pcbRecv: 300\n"},
+        {"no such handle", 0x1234, &g_rgSCardT1Pci, kSelect.data(), 4, answer, true, SCARD_E_INVALID_HANDLE,
+         "SCardTransmit\n"},
+    };
+    for (const Case& c : cases) {
+        clearLog();
+        DWORD length = 300;
+        EXPECT_EQ(SCardTransmit(c.handle, c.pci, c.command, c.commandLength, nullptr, c.answer,
+                                c.withLength ? &length : nullptr),
+                  c.result)
+            << c.what;
+        EXPECT_EQ(length, 300u) << c.what;
+        EXPECT_EQ(logText(), c.trace) << c.what;
+    }
     EXPECT_TRUE(wireLog(device_).empty());
 }
 
