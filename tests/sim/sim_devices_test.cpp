@@ -1,6 +1,7 @@
 // Listing, opening and closing devices through the D2XX face.
 #include "sim_host.h"
 
+#include <array>
 #include <cstring>
 
 using namespace simtest;
@@ -30,16 +31,17 @@ TEST_F(SimDevices, ListsEveryDeviceInOrderWithDescriptionSerialAndOpenFlag)
     ASSERT_EQ(FT_GetDeviceInfoList(records, &count), FT_OK);
     ASSERT_EQ(count, 3u);
 
-    EXPECT_STREQ(records[0].Description, "Smart Card Rack");
-    EXPECT_STREQ(records[0].SerialNumber, "TR1");
-    EXPECT_EQ(records[0].Flags & 1u, 0u);
-    EXPECT_EQ(records[0].ftHandle, nullptr);
-    EXPECT_STREQ(records[1].Description, "USB Serial Converter");
-    EXPECT_STREQ(records[1].SerialNumber, "FT99");
-    EXPECT_STREQ(records[2].Description, "Smart Card Rack");
-    EXPECT_STREQ(records[2].SerialNumber, "TR2");
-    EXPECT_EQ(records[2].Flags & 1u, 1u);
-    EXPECT_EQ(records[2].ftHandle, second);
+    const struct {
+        const char *description, *serial;
+        FT_HANDLE handle;
+    } expected[3] = {{"Smart Card Rack", "TR1", nullptr}, {"USB Serial Converter", "FT99", nullptr},
+                     {"Smart Card Rack", "TR2", second}};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_STREQ(records[i].Description, expected[i].description) << i;
+        EXPECT_STREQ(records[i].SerialNumber, expected[i].serial) << i;
+        EXPECT_EQ(records[i].Flags & 1u, expected[i].handle != nullptr ? 1u : 0u) << i << ": the open flag";
+        EXPECT_EQ(records[i].ftHandle, expected[i].handle) << i;
+    }
 }
 
 TEST_F(SimDevices, InfoListIsTheOneCreatedAndTextsAreCutToTheirFields)
@@ -128,18 +130,15 @@ TEST_F(SimDevices, RecordsTheLineSettingsOfThisOpen)
     EXPECT_EQ(bits, 0);
 
     ASSERT_EQ(FT_SetBaudRate(handle, 115200), FT_OK);
-    ASSERT_EQ(FT_SetDataCharacteristics(handle, 8, 0, 0), FT_OK);
-    rackSimLineSettings(rack, &baud, &bits, &stop, &parity);
-    EXPECT_EQ(baud, 115200u);
-    EXPECT_EQ(bits, 8);
-    EXPECT_EQ(stop, 0);
-    EXPECT_EQ(parity, 0);
-
-    FT_SetDataCharacteristics(handle, 7, 2, 1);
-    rackSimLineSettings(rack, nullptr, &bits, &stop, &parity);
-    EXPECT_EQ(bits, 7);
-    EXPECT_EQ(stop, 2);
-    EXPECT_EQ(parity, 1);
+    for (const auto& line : {std::array<int, 3>{8, 0, 0}, std::array<int, 3>{7, 2, 1}}) {
+        ASSERT_EQ(FT_SetDataCharacteristics(handle, static_cast<uint8_t>(line[0]), static_cast<uint8_t>(line[1]),
+                                            static_cast<uint8_t>(line[2])),
+                  FT_OK);
+        baud = 0;
+        ASSERT_EQ(rackSimLineSettings(rack, &baud, &bits, &stop, &parity), 0);
+        EXPECT_EQ(baud, 115200u);
+        EXPECT_EQ((std::array<int, 3>{bits, stop, parity}), line);
+    }
 
     // A new open starts from nothing set.
     FT_Close(handle);

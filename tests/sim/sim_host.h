@@ -18,15 +18,21 @@ namespace simtest {
 using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
 
+// The bytes followed by the checksum that makes them add up to zero.
+inline Bytes withChecksum(Bytes f)
+{
+    unsigned sum = 0;
+    for (uint8_t b : f) sum += b;
+    f.push_back(static_cast<uint8_t>(0x100 - (sum & 0xFF)));
+    return f;
+}
+
 // The frame a host sends: 55 address length command data checksum.
 inline Bytes hostFrame(uint8_t address, uint8_t command, const Bytes& data = {})
 {
     Bytes f{0x55, address, static_cast<uint8_t>(data.size()), command};
     f.insert(f.end(), data.begin(), data.end());
-    unsigned sum = 0;
-    for (uint8_t b : f) sum += b;
-    f.push_back(static_cast<uint8_t>(0x100 - (sum & 0xFF)));
-    return f;
+    return withChecksum(f);
 }
 
 inline bool sumsToZero(const Bytes& frame)

@@ -2,6 +2,9 @@
 // responders, card events and the host's byte stream.
 #include "sim_host.h"
 
+#include <functional>
+#include <iterator>
+
 using namespace simtest;
 
 namespace {
@@ -109,74 +112,72 @@ TEST_F(SimRack, OnlySlotsWhoseMapByteNamesAReaderAnswerUnlessMadeTo)
 
 // ---- Card commands --------------------------------------------------------
 
-TEST_F(SimRack, CardCommandAnswersCarryTheSetStatusAndAnEmptyCommandIsAnswered)
-{
-    insert(1, kAtr);
-    EXPECT_EQ(exchange({0x55, 0x01, 0x05, 0x40, 0x00, 0x84, 0x00, 0x00, 0x08, 0xD9}),
-              (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}));
-    rackSimSetAnswerStatus(rack, 1, 0x02);
-    EXPECT_EQ(exchange({0x55, 0x01, 0x00, 0x40, 0x6A}),
-              (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4, 0x55, 0x01, 0x02, 0x02, 0x90, 0x00, 0x16}));
-    EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), 2);
-}
-
+// Each answer comes whole after the acknowledge: 55 01, the length, 04 and
+// the data; from 256 bytes on the extended form, with the length's low
+// byte, 0D and its high byte. The frames are written out in full.
 TEST_F(SimRack, AnswersOf256BytesOrMoreTakeTheExtendedForm)
 {
     insert(1, kAtr);
-    for (size_t size : {255u, 256u, 300u, 1505u, 4096u}) {
-        SCOPED_TRACE(size);
-        Bytes answer(size);
-        for (size_t i = 0; i < size; ++i) answer[i] = static_cast<uint8_t>(i * 7);
-        rackSimSetFixedAnswer(rack, 1, answer.data(), static_cast<int>(size));
-        Bytes got = command(1, {0x00, 0xB0, 0x00, 0x00, 0x00});
-
-        ASSERT_GE(got.size(), 5u);
-        EXPECT_EQ(Bytes(got.begin(), got.begin() + 5), (Bytes{0x55, 0x01, 0x00, 0x06, 0xA4}));
-        Bytes frame(got.begin() + 5, got.end());
-        EXPECT_TRUE(sumsToZero(frame));
-        if (size < 256) {
-            ASSERT_EQ(frame.size(), size + 5);
-            EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 4), (Bytes{0x55, 0x01, static_cast<uint8_t>(size), 0x04}));
-            EXPECT_EQ(Bytes(frame.begin() + 4, frame.end() - 1), answer);
-        } else {
-            ASSERT_EQ(frame.size(), size + 6);
-            EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 5),
-                      (Bytes{0x55, 0x01, static_cast<uint8_t>(size & 0xFF), 0x0D, static_cast<uint8_t>(size >> 8)}));
-            EXPECT_EQ(Bytes(frame.begin() + 5, frame.end() - 1), answer);
-        }
+    const struct {
+        size_t size;
+        Bytes header;
+    } cases[] = {{255, {0x55, 0x01, 0xFF, 0x04}},
+                 {256, {0x55, 0x01, 0x00, 0x0D, 0x01}},
+                 {300, {0x55, 0x01, 0x2C, 0x0D, 0x01}},
+                 {1505, {0x55, 0x01, 0xE1, 0x0D, 0x05}},
+                 {4096, {0x55, 0x01, 0x00, 0x0D, 0x10}}};
+    for (const auto& c : cases) {
+        Bytes answer(c.size);
+        for (size_t i = 0; i < c.size; ++i) answer[i] = static_cast<uint8_t>(i * 7);
+        rackSimSetFixedAnswer(rack, 1, answer.data(), static_cast<int>(c.size));
+        EXPECT_EQ(command(1, {0x00, 0xB0, 0x00, 0x00, 0x00}),
+                  concat({{0x55, 0x01, 0x00, 0x06, 0xA4}, withChecksum(concat({c.header, answer}))}))
+            << c.size;
     }
 }
 
 // ---- Responders -----------------------------------------------------------
 
-TEST_F(SimRack, EchoFixedAndTableResponders)
+// Each step sets a responder up (or not) and sends one command; the answer
+// frame follows the acknowledge. The set answer status shows in byte 3.
+TEST_F(SimRack, EchoFixedAndTableRespondersAndTheSetAnswerStatus)
 {
     insert(1, kAtr);
-    Bytes ack{0x55, 0x01, 0x00, 0x06, 0xA4};
-
-    rackSimSetEcho(rack, 1);
-    EXPECT_EQ(command(1, {0x00, 0x55, 0x0D}), concat({ack, {0x55, 0x01, 0x03, 0x04, 0x00, 0x55, 0x0D, 0x41}}));
-
-    const uint8_t fixed[] = {0x6A, 0x82};
-    rackSimSetFixedAnswer(rack, 1, fixed, 2);
-    EXPECT_EQ(command(1, {0x01}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x6A, 0x82, 0xB8}}));
-    rackSimSetFixedAnswer(rack, 1, nullptr, 0);
-    EXPECT_EQ(command(1, {0x01}), concat({ack, {0x55, 0x01, 0x00, 0x04, 0xA6}}));
-
-    const uint8_t select[] = {0x00, 0xA4, 0x04, 0x00};
-    const uint8_t selected[] = {0x61, 0x10};
-    const uint8_t read[] = {0x00, 0xB0};
-    const uint8_t data[] = {0x01, 0x02, 0x90, 0x00};
-    rackSimAddTableEntry(rack, 1, select, 4, selected, 2);
-    rackSimAddTableEntry(rack, 1, read, 2, data, 4);
-    EXPECT_EQ(command(1, {0x00, 0xA4, 0x04, 0x00}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x61, 0x10, 0x33}}));
-    EXPECT_EQ(command(1, {0x00, 0xB0}), concat({ack, {0x55, 0x01, 0x04, 0x04, 0x01, 0x02, 0x90, 0x00, 0x0F}}));
-    EXPECT_EQ(command(1, {0x00, 0xB0, 0x00}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x6D, 0x00, 0x37}}));
-
-    // A second entry for the same command replaces the first.
-    const uint8_t other[] = {0x90, 0x00};
-    rackSimAddTableEntry(rack, 1, select, 4, other, 2);
-    EXPECT_EQ(command(1, {0x00, 0xA4, 0x04, 0x00}), concat({ack, {0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}}));
+    const uint8_t fixed[] = {0x6A, 0x82}, other[] = {0x90, 0x00};
+    const uint8_t select[] = {0x00, 0xA4, 0x04, 0x00}, selected[] = {0x61, 0x10};
+    const uint8_t read[] = {0x00, 0xB0}, data[] = {0x01, 0x02, 0x90, 0x00};
+    const struct {
+        std::function<void()> setUp;
+        Bytes command, answer;
+    } steps[] = {
+        {[] {}, {0x00, 0x84, 0x00, 0x00, 0x08}, {0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}},
+        {[&] { rackSimSetAnswerStatus(rack, 1, 0x02); }, {}, {0x55, 0x01, 0x02, 0x02, 0x90, 0x00, 0x16}},
+        {[&] { rackSimSetAnswerStatus(rack, 1, 0x04); }, {0x00, 0x84}, {0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}},
+        {[&] { rackSimSetEcho(rack, 1); }, {0x00, 0x55, 0x0D}, {0x55, 0x01, 0x03, 0x04, 0x00, 0x55, 0x0D, 0x41}},
+        {[&] { rackSimSetFixedAnswer(rack, 1, fixed, 2); }, {0x01}, {0x55, 0x01, 0x02, 0x04, 0x6A, 0x82, 0xB8}},
+        {[&] { rackSimSetFixedAnswer(rack, 1, nullptr, 0); }, {0x01}, {0x55, 0x01, 0x00, 0x04, 0xA6}},
+        {[&] {
+             rackSimAddTableEntry(rack, 1, select, 4, selected, 2);
+             rackSimAddTableEntry(rack, 1, read, 2, data, 4);
+         },
+         {0x00, 0xA4, 0x04, 0x00},
+         {0x55, 0x01, 0x02, 0x04, 0x61, 0x10, 0x33}},
+        {[] {}, {0x00, 0xB0}, {0x55, 0x01, 0x04, 0x04, 0x01, 0x02, 0x90, 0x00, 0x0F}},
+        {[] {}, {0x00, 0xB0, 0x00}, {0x55, 0x01, 0x02, 0x04, 0x6D, 0x00, 0x37}},
+        // A second entry for the same command replaces the first.
+        {[&] { rackSimAddTableEntry(rack, 1, select, 4, other, 2); },
+         {0x00, 0xA4, 0x04, 0x00},
+         {0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14}},
+    };
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        steps[i].setUp();
+        EXPECT_EQ(command(1, steps[i].command), concat({{0x55, 0x01, 0x00, 0x06, 0xA4}, steps[i].answer})) << i;
+    }
+    EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), static_cast<int>(std::size(steps)));
+    // The hand-made frames of the first two steps, byte for byte.
+    EXPECT_EQ(hostFrame(1, 0x40, {0x00, 0x84, 0x00, 0x00, 0x08}),
+              (Bytes{0x55, 0x01, 0x05, 0x40, 0x00, 0x84, 0x00, 0x00, 0x08, 0xD9}));
+    EXPECT_EQ(hostFrame(1, 0x40), (Bytes{0x55, 0x01, 0x00, 0x40, 0x6A}));
 }
 
 TEST_F(SimRack, CardDelayHoldsTheAnswerButNotTheAcknowledge)
