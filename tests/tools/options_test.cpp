@@ -66,59 +66,53 @@ TEST(CommandLine, HelpWinsOverEverythingElse)
     EXPECT_EQ(accepted({"nonsense", "--help"}).command, Command::Help);
 }
 
-TEST(CommandLine, RefusesMissingOrUnknownCommands)
+// Each refusal names its reason; the boundary values just inside the ranges
+// and the defaults that shrink to a small rack are accepted.
+TEST(CommandLine, RefusalsNameTheirReason)
 {
-    EXPECT_TRUE(mentions(refused({}), "no command"));
-    EXPECT_TRUE(mentions(refused({"--racks", "2"}), "no command"));
-    EXPECT_TRUE(mentions(refused({"lsit"}), "unknown command \"lsit\""));
-    EXPECT_TRUE(mentions(refused({"list", "extra"}), "list takes no arguments"));
-    EXPECT_TRUE(mentions(refused({"demo", "now"}), "demo takes no arguments"));
-}
-
-TEST(CommandLine, RefusesUnknownOptionsAndMissingValues)
-{
-    EXPECT_TRUE(mentions(refused({"list", "--verbose"}), "unknown option --verbose"));
-    EXPECT_TRUE(mentions(refused({"list", "--slots"}), "--slots needs a value"));
-    EXPECT_TRUE(mentions(refused({"list", "--echo=1"}), "--echo takes no value"));
-    EXPECT_TRUE(mentions(refused({"list", "--library="}), "--library needs a path"));
-}
-
-TEST(CommandLine, RefusesNumbersOutOfRangeOrNotNumbers)
-{
+    const struct {
+        std::vector<std::string> args;
+        const char* reason;
+    } cases[] = {
+        // Missing or unknown commands.
+        {{}, "no command"},
+        {{"--racks", "2"}, "no command"},
+        {{"lsit"}, "unknown command \"lsit\""},
+        {{"list", "extra"}, "list takes no arguments"},
+        {{"demo", "now"}, "demo takes no arguments"},
+        // Unknown options and missing values.
+        {{"list", "--verbose"}, "unknown option --verbose"},
+        {{"list", "--slots"}, "--slots needs a value"},
+        {{"list", "--echo=1"}, "--echo takes no value"},
+        {{"list", "--library="}, "--library needs a path"},
+        // Numbers out of range.
+        {{"list", "--slots", "241"}, "from 1 to 240"},
+        {{"watch", "--seconds", "0"}, "--seconds needs"},
+        {{"log", "--lines", "0"}, "--lines needs"},
+        // Options of another command.
+        {{"list", "--lines", "3"}, "--lines does not apply to the list command"},
+        {{"send", "--seconds", "3", "R", "00"}, "--seconds does not apply to the send"},
+        {{"log", "--racks", "2"}, "--racks does not apply to the log command"},
+        {{"demo", "--demo-events"}, "does not apply to the demo command"},
+        // Send without its arguments or with bad hex.
+        {{"send"}, "needs a reader name"},
+        {{"send", "Tessel TR0001 R1"}, "at least one APDU"},
+        {{"send", "Tessel TR0001 R1", "00A4040"}, "odd number of hex digits"},
+        {{"send", "Tessel TR0001 R1", "0084", "00ZZ"}, "'Z' at position 3"},
+        {{"send", "Tessel TR0001 R1", std::string(512, '0')}, "longer than 255 bytes"},
+        // An emulator setup that does not fit the rack.
+        {{"list", "--slots", "2", "--cards", "3"}, "--cards 3 is more than the 2 slots"},
+        {{"list", "--slots", "4", "--cards", "3", "--mute", "2"}, "more than the 4 slots"},
+        {{"list", "--atr", "3B0"}, "bad --atr"},
+        {{"list", "--atr", std::string(66, 'A')}, "longer than 32 bytes"},
+    };
+    for (const auto& c : cases) EXPECT_TRUE(mentions(refused(c.args), c.reason)) << c.reason;
     for (const char* value : {"0", "17", "-1", "two", "", "1.5", "3x", "99999999999"})
         EXPECT_TRUE(mentions(refused({"list", "--racks", value}), "--racks needs a whole number from 1 to 16"))
             << value;
-    EXPECT_TRUE(mentions(refused({"list", "--slots", "241"}), "from 1 to 240"));
-    EXPECT_TRUE(mentions(refused({"watch", "--seconds", "0"}), "--seconds needs"));
-    EXPECT_TRUE(mentions(refused({"log", "--lines", "0"}), "--lines needs"));
+
     EXPECT_EQ(accepted({"list", "--racks", "16", "--slots", "240"}).emulator.slotsPerRack, 240);
-}
-
-TEST(CommandLine, RefusesOptionsOfAnotherCommand)
-{
-    EXPECT_TRUE(mentions(refused({"list", "--lines", "3"}), "--lines does not apply to the list command"));
-    EXPECT_TRUE(mentions(refused({"send", "--seconds", "3", "R", "00"}), "--seconds does not apply to the send"));
-    EXPECT_TRUE(mentions(refused({"log", "--racks", "2"}), "--racks does not apply to the log command"));
-    EXPECT_TRUE(mentions(refused({"demo", "--demo-events"}), "does not apply to the demo command"));
-}
-
-TEST(CommandLine, SendRefusesMissingArgumentsAndBadHex)
-{
-    EXPECT_TRUE(mentions(refused({"send"}), "needs a reader name"));
-    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1"}), "at least one APDU"));
-    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1", "00A4040"}), "odd number of hex digits"));
-    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1", "0084", "00ZZ"}), "'Z' at position 3"));
-    EXPECT_TRUE(mentions(refused({"send", "Tessel TR0001 R1", std::string(512, '0')}), "longer than 255 bytes"));
     EXPECT_EQ(accepted({"send", "R", std::string(510, '0')}).apdus[0].size(), 255u);
-}
-
-TEST(CommandLine, EmulatorSetupMustFitTheRack)
-{
-    EXPECT_TRUE(mentions(refused({"list", "--slots", "2", "--cards", "3"}), "--cards 3 is more than the 2 slots"));
-    EXPECT_TRUE(mentions(refused({"list", "--slots", "4", "--cards", "3", "--mute", "2"}), "more than the 4 slots"));
-    EXPECT_TRUE(mentions(refused({"list", "--atr", "3B0"}), "bad --atr"));
-    EXPECT_TRUE(mentions(refused({"list", "--atr", std::string(66, 'A')}), "longer than 32 bytes"));
-
     // Defaults that do not fit a small rack shrink to it.
     Options small = accepted({"list", "--slots", "1"});
     EXPECT_EQ(small.emulator.cardsPerRack, 1);
