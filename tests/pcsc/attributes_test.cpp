@@ -29,15 +29,10 @@ struct AttribCase {
     const char* trace;
 };
 
-class AttributesTest : public test_support::RackFixture {
+class AttributesTest : public OneRackTest {
 protected:
-    void startReaders()
-    {
-        int device = addRack("A1", 2);
-        insertCard(device, 1, atrOnlyT1());
-        startLibrary(1);
-        clearLog();
-    }
+    // R1: a card with a T=1 ATR; R2: empty.
+    void startReaders() { startRack({atrOnlyT1(), {}}); }
 
     SCARDHANDLE handleOf(Handle h)
     {
