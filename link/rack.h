@@ -53,6 +53,9 @@ public:
     void trySendNext();
     void unlock();
     bool unlockIfHeldBy(uint32_t address);
+    // Frees the lock only if `reader` holds it for the frame that was its
+    // latest when `framesSentThen` was read: never for a newer frame.
+    bool unlockIfHeldFor(Reader* reader, uint32_t framesSentThen);
     bool isLocked() const { return lockHolder.load() != nullptr; }
     // Turns waiting in the send queue, read under the queue's guard.
     size_t queuedTurns();

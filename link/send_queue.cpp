@@ -34,19 +34,21 @@ void Rack::trySendNext()
         if (lockHolder.load() == nullptr) {
             Reader* next = nullptr;
             {
+                // The turn, the slot's frame count and the lock are taken
+                // together under the queue's guard, so that a release that
+                // depends on the frame count (unlockIfHeldFor) sees all or
+                // none of them.
                 std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
                 if (!sendQueue.empty()) {
                     next = sendQueue.front();
                     sendQueue.pop_front();
+                    next->framesSent.fetch_add(1, std::memory_order_acq_rel);
+                    // The lock is taken before the write, so the answer
+                    // can't overtake it.
+                    lockHolder.store(next);
                 }
             }
-            if (next != nullptr) {
-                // The lock is taken before the write, so the answer can't
-                // overtake it.
-                next->framesSent.fetch_add(1, std::memory_order_acq_rel);
-                lockHolder.store(next);
-                next->send(ftHandle);
-            }
+            if (next != nullptr) next->send(ftHandle);
         }
         sendMutex.unlock();
         // A release or an enqueue that lost the try-lock to us while we held
@@ -71,6 +73,23 @@ bool Rack::unlockIfHeldBy(uint32_t address)
     // Only this holder's release counts: if another thread released it and
     // the next reader already took the lock meanwhile, that lock stays.
     if (!lockHolder.compare_exchange_strong(holder, nullptr)) return false;
+    trySendNext();
+    return true;
+}
+
+bool Rack::unlockIfHeldFor(Reader* reader, uint32_t framesSentThen)
+{
+    logWrite("Checking");
+    bool released = false;
+    {
+        std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
+        if (lockHolder.load() == reader && reader->framesSent.load(std::memory_order_acquire) == framesSentThen) {
+            lockHolder.store(nullptr);
+            released = true;
+        }
+    }
+    if (!released) return false;
+    logWrite("match");
     trySendNext();
     return true;
 }

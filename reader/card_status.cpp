@@ -47,10 +47,7 @@ void Rack::processReaderStatus(Reader* reader)
     // a newer frame since this one arrived, this one answers an older
     // message, and freeing the lock now would put a second frame on the bus
     // while the newer one is unanswered.
-    if (sentWhenStored == reader->framesSent.load(std::memory_order_acquire))
-        unlockIfHeldBy(reader->address);
-    else
-        logWrite("Checking");
+    unlockIfHeldFor(reader, sentWhenStored);
 
     if (enumerated.load(std::memory_order_acquire) == 0) {
         uint32_t count = statusCount.load(std::memory_order_relaxed) + 1;
