@@ -50,8 +50,8 @@ const CommandName kCommands[] = {
 
 const OptionSpec* findOption(const std::string& name)
 {
-    for (const OptionSpec& spec : kOptions)
-        if (name == spec.name) return &spec;
+    for (const OptionSpec& known : kOptions)
+        if (name == known.name) return &known;
     return nullptr;
 }
 
@@ -149,24 +149,24 @@ bool parseCommandLine(const std::vector<std::string>& args, bool withEmulator, O
             value = arg.substr(equals + 1);
             hasInlineValue = true;
         }
-        const OptionSpec* spec = findOption(name);
-        if (!spec || (spec->emulatorOnly && !withEmulator)) {
+        const OptionSpec* known = findOption(name);
+        if (!known || (known->emulatorOnly && !withEmulator)) {
             error = "unknown option " + name;
-            if (spec) error += " (this build has no emulated rack)";
+            if (known) error += " (this build has no emulated rack)";
             return false;
         }
-        if (spec->takesValue && !hasInlineValue) {
+        if (known->takesValue && !hasInlineValue) {
             if (i + 1 >= args.size()) {
                 error = name + " needs a value";
                 return false;
             }
             value = args[++i];
-        } else if (!spec->takesValue && hasInlineValue) {
+        } else if (!known->takesValue && hasInlineValue) {
             error = name + " takes no value";
             return false;
         }
         if (!applyOption(name, value, options, error)) return false;
-        seen.push_back(spec);
+        seen.push_back(known);
     }
 
     if (helpAsked) {
@@ -188,9 +188,9 @@ bool parseCommandLine(const std::vector<std::string>& args, bool withEmulator, O
     options.command = command->command;
     if (options.command == Command::Help) return true;
 
-    for (const OptionSpec* spec : seen) {
-        if (!(spec->commands & command->bit)) {
-            error = std::string(spec->name) + " does not apply to the " + command->name + " command";
+    for (const OptionSpec* known : seen) {
+        if (!(known->commands & command->bit)) {
+            error = std::string(known->name) + " does not apply to the " + command->name + " command";
             return false;
         }
     }
@@ -198,8 +198,8 @@ bool parseCommandLine(const std::vector<std::string>& args, bool withEmulator, O
     // Defaults that do not fit a small rack shrink to it; only what the
     // user asked for explicitly is an error.
     auto given = [&](const char* name) {
-        for (const OptionSpec* spec : seen)
-            if (std::string(spec->name) == name) return true;
+        for (const OptionSpec* known : seen)
+            if (std::string(known->name) == name) return true;
         return false;
     };
     EmulatorSetup& emulator = options.emulator;
