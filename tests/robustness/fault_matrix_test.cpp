@@ -263,11 +263,12 @@ const OneExchangeFault kOneExchangeFaults[] = {
          return {received(answerTo(c)), "Tessel F1 R1: unlocked\n", answered(c)};
      },
      [](const Bytes&) -> std::vector<std::string> { return {"Unlocking rack\n", "ACK missed by"}; }, 0},
-    // The first entry has no line end; the answer line runs on behind it.
+    // The first entry has no line end; the answer line runs on behind it,
+    // unless an entry of the rack's own threads falls in between.
     // An empty status frame of an enumerated rack is no card event.
     {"EmptyAnswerEndsLikeATimeOut", RACKSIM_EMPTY_ANSWER, 0, SCARD_E_TIMEOUT,
      [](const Bytes&) -> std::vector<std::string> {
-         return {received(slotFrame(1, 0x04, {})), "Tessel F1 R1 1C/1D TimeoutTessel F1 R1 Answer - \n"};
+         return {received(slotFrame(1, 0x04, {})), "Tessel F1 R1 1C/1D Timeout", "Tessel F1 R1 Answer - \n"};
      },
      nullptr, 0},
     // Acknowledge, garbage and answer come in one read. The acknowledge is
