@@ -1,0 +1,15 @@
+#include "platform/environment.h"
+
+#include <cstdlib>
+
+namespace platform {
+
+bool environmentVariable(const char* name, std::string& value)
+{
+    const char* found = std::getenv(name);
+    if (found == nullptr) return false;
+    value = found;
+    return true;
+}
+
+}  // namespace platform
