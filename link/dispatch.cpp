@@ -30,7 +30,7 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
                 handleEnumerationReply(frame);
             } else if (frame[3] == RackFrame::masterEnumerationComplete) {
                 logWrite("SRC " + serial + ": Enumeration complete.\n");
-                enumerated.store(1, std::memory_order_release);
+                enumerated_.store(1, std::memory_order_release);
             }
         }
         // An acknowledge from the master has no reader to go to: it leaves
@@ -54,7 +54,7 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
     if (reader == nullptr) return;
 
     reader->blocked.store(0, std::memory_order_release);
-    if (lockHolder.load() == reader) logWrite("ACK missed by " + reader->name + "\n");
+    if (lockHolder_.load() == reader) logWrite("ACK missed by " + reader->name + "\n");
     logWrite(reader->name + ": unlocked\n");
     forwardToReader(reader, frame, size, Direction::fromReader);
 }
@@ -70,19 +70,28 @@ void Rack::handleEnumerationReply(const uint8_t* frame)
         uint8_t kind = frame[index] & 0x0F;
         if (kind >= 1 && kind <= 3) addReader(index - 3);
     }
-    logWrite("SCR " + serial + " Found " + decimalText(static_cast<uint32_t>(readers.size())) + " readers\n");
+    logWrite("SCR " + serial + " Found " + decimalText(static_cast<uint32_t>(readers_.size())) + " readers\n");
     workerPause(kPauseBeforeStatusMs);
     pollReaders();
 }
 
 void Rack::addReader(uint32_t address)
 {
-    if (connected.load(std::memory_order_acquire) == 0) return;
+    if (!connected()) return;
     // The reader is complete before the list publishes it.
-    readers.append(new Reader(address, serial));
+    readers_.append(new Reader(address, serial));
 }
 
 void Rack::pollReaders()
 {
-    for (size_t i = 0, n = readers.size(); i < n; ++i) requestStatus(readers[i]);
+    for (size_t i = 0, n = readers_.size(); i < n; ++i) requestStatus(readers_[i]);
+}
+
+// First match wins; the list only grows and publishes complete readers,
+// so the walk takes no lock.
+Reader* Rack::readerByAddress(uint32_t address) const
+{
+    for (size_t i = 0, n = readers_.size(); i < n; ++i)
+        if (readers_[i]->address == address) return readers_[i];
+    return nullptr;
 }

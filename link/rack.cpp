@@ -1,36 +1,35 @@
 #include "link/rack.h"
 
-#include <mutex>
-
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "platform/clock.h"
 #include "reader/reader.h"
+#include "reader/status_worker.h"
 
 Rack::Rack(const char* serialNumber)
 {
     serial = serialNumber ? serialNumber : "";
     FT_STATUS status = open(serial.c_str());
     if (status != FT_OK) throw static_cast<int32_t>(status);
-    workers[0].start([this] { statusLoop(); });
-    workers[1].start([this] { receiveLoop(); });
+    workers_[0].start([this] { runStatusWorker(*this); });
+    workers_[1].start([this] { receiveLoop(); });
     logWrite("Rack " + serial + " connected\n");
-    connected.store(1, std::memory_order_release);
+    connected_.store(1, std::memory_order_release);
 }
 
 Rack::~Rack()
 {
     stopWorkers();
     if (ftHandle != nullptr && !linkClosed_.exchange(true)) FT_Close(ftHandle);
-    for (size_t i = 0, n = readers.size(); i < n; ++i) delete readers[i];
-    readers.clear();
+    for (size_t i = 0, n = readers_.size(); i < n; ++i) delete readers_[i];
+    readers_.clear();
 }
 
 void Rack::stopWorkers()
 {
     stopRequested_.store(true, std::memory_order_release);
-    workers[0].join();
-    workers[1].join();
+    workers_[0].join();
+    workers_[1].join();
 }
 
 void Rack::workerPause(uint32_t milliseconds)
@@ -74,11 +73,11 @@ void Rack::reset()
 {
     logWrite("reset\n");
     {
-        std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
-        sendQueue.clear();
+        platform::LockGuard guard(sendQueueGuard_);
+        sendQueue_.clear();
     }
-    lockHolder.store(nullptr);
-    for (size_t i = 0, n = readers.size(); i < n; ++i) readers[i]->blocked.store(0, std::memory_order_release);
+    lockHolder_.store(nullptr);
+    for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->blocked.store(0, std::memory_order_release);
     logWrite("ResettingRack: " + hexDump(RackFrame::resetFrame, 5) + "\n");
     uint32_t written = 0;
     FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::resetFrame), 5, &written);
@@ -87,7 +86,7 @@ void Rack::reset()
 
 void Rack::startEnumeration()
 {
-    if (connected.load(std::memory_order_acquire) == 0) return;
+    if (!connected()) return;
     logWrite("enum\n");
     logWrite("StartingEnum: " + hexDump(RackFrame::enumerateFrame, 5) + "\n");
     uint32_t written = 0;
@@ -99,4 +98,12 @@ void Rack::finishEnumeration()
     logWrite("c2\n");
     uint32_t written = 0;
     FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::statusCollectedFrame), 5, &written);
+}
+
+uint32_t Rack::countStatus()
+{
+    // Only the status thread counts, so a load and a store suffice.
+    uint32_t count = statusCount_.load(std::memory_order_relaxed) + 1;
+    statusCount_.store(count, std::memory_order_release);
+    return count;
 }

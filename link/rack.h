@@ -13,6 +13,7 @@
 #include "link/rack_frame.h"
 #include "platform/d2xx.h"
 #include "platform/sync.h"
+#include "platform/thread_safety.h"
 #include "platform/thread.h"
 
 class Reader;
@@ -49,37 +50,33 @@ public:
 
     // Send queue and rack lock.
     enum class Direction { toReader, fromReader };
-    void enqueue(Reader* reader);
-    void trySendNext();
+    void enqueue(Reader* reader) EXCLUDES(sendQueueGuard_);
+    void trySendNext() EXCLUDES(sendQueueGuard_, sendMutex_);
     void unlock();
     bool unlockIfHeldBy(uint32_t address);
     // Frees the lock only if `reader` holds it for the frame that was its
     // latest when `framesSentThen` was read: never for a newer frame.
-    bool unlockIfHeldFor(Reader* reader, uint32_t framesSentThen);
-    bool isLocked() const { return lockHolder.load() != nullptr; }
+    bool unlockIfHeldFor(Reader* reader, uint32_t framesSentThen) EXCLUDES(sendQueueGuard_);
+    bool isLocked() const { return lockHolder_.load() != nullptr; }
+    // The reader whose frame holds the bus, or null.
+    Reader* lockHolder() const { return lockHolder_.load(); }
     // Turns waiting in the send queue, read under the queue's guard.
-    size_t queuedTurns();
+    size_t queuedTurns() EXCLUDES(sendQueueGuard_);
     void selectProtocol(Reader* reader);
     void requestStatus(Reader* reader);
     void forwardToReader(Reader* reader, const uint8_t* bytes, uint32_t count, Direction direction);
 
-    // Card state and status collection.
-    void statusLoop();
-    void processReaderStatus(Reader* reader);
-    uint32_t readerAtr(uint32_t cardHandle, uint8_t* destination);
-    uint32_t supportedProtocols(Reader* reader);
-    uint32_t supportsProtocol(Reader* reader, uint32_t wanted);
-
-    // Card connections.
-    void connectCard(Reader* reader, uint32_t activeProtocol);
-
-    // Lookups over this rack's readers; null or false when none matches.
+    // The readers, in the order of the slot map; the list only grows.
+    const GrowingList<Reader*>& readers() const { return readers_; }
     Reader* readerByAddress(uint32_t address) const;
-    Reader* readerByName(const char* name) const;
-    Reader* readerByWideName(const wchar_t* name) const;
-    Reader* readerByHandle(uint32_t cardHandle) const;
-    bool hasReader(const char* name) const { return readerByName(name) != nullptr; }
-    bool hasReader(const wchar_t* name) const { return readerByWideName(name) != nullptr; }
+    const std::string& serialNumber() const { return serial; }
+    bool connected() const { return connected_.load(std::memory_order_acquire) != 0; }
+    bool enumerated() const { return enumerated_.load(std::memory_order_acquire) != 0; }
+
+    // Statuses collected during enumeration. Only the status thread counts;
+    // countStatus returns the count including this one.
+    uint32_t statusCount() const { return statusCount_.load(std::memory_order_acquire); }
+    uint32_t countStatus();
 
     // Stop path: ends both worker loops and waits for them. Safe to call
     // more than once.
@@ -88,34 +85,37 @@ public:
 
     static constexpr uint32_t rxCapacity = 2048;
 
-    // Fields, in the order of the rack record.
-    std::deque<Reader*> sendQueue;
-    std::atomic<uint32_t> statusCount{0};
-    platform::WorkerThread workers[2];  // 0: status loop, 1: receive loop
+    // The receive thread's own state: only it reads from the link and
+    // touches these.
     uint32_t rxMsgLastIndexOf = 0;
     FT_HANDLE ftHandle = nullptr;
     uint8_t rxMsg[rxCapacity] = {};
-    platform::TryMutex sendMutex;
     int64_t lastRxTime = 0;
     uint32_t expectedLength = 0;
-    std::atomic<Reader*> lockHolder{nullptr};
-    GrowingList<Reader*> readers;
-    std::string serial;
-    std::atomic<uint32_t> enumerated{0};
-    std::atomic<uint32_t> connected{0};
 
 private:
     // A pause of a worker thread that ends early once the workers are told
     // to stop, so that the stop path never waits out a long pause.
     void workerPause(uint32_t milliseconds);
-    bool sendQueueEmpty();
+    bool sendQueueEmpty() EXCLUDES(sendQueueGuard_);
     void receiveSeveralFrames();
     uint32_t bytesToRead(uint32_t waiting) const;
     void parseWhatIsHeld();
 
     // Several threads change the send queue: a short guard of its own,
-    // never held across a write to the device.
+    // never held across a write to the device. It also keeps a turn, the
+    // reader's frame count and the rack lock together (see trySendNext).
     platform::ExclusiveLock sendQueueGuard_;
+    std::deque<Reader*> sendQueue_ GUARDED_BY(sendQueueGuard_);
+    // The step from a free rack lock to a written frame; only ever tried.
+    platform::TryMutex sendMutex_;
+    std::atomic<Reader*> lockHolder_{nullptr};
+    std::atomic<uint32_t> statusCount_{0};
+    platform::WorkerThread workers_[2];  // 0: status loop, 1: receive loop
+    GrowingList<Reader*> readers_;
+    std::string serial;
+    std::atomic<uint32_t> enumerated_{0};
+    std::atomic<uint32_t> connected_{0};
     std::atomic<bool> stopRequested_{false};
     // The link is closed once, by close() at unload or by the stop path.
     std::atomic<bool> linkClosed_{false};

@@ -2,9 +2,8 @@
 // outgoing mailbox takes a turn in the send queue; the rack lock
 // (lockHolder) names the reader whose frame is on its way and whose first
 // answer has not come back. The step from a free lock to a written frame
-// runs under sendMutex, which is only ever tried.
+// runs under sendMutex_, which is only ever tried.
 #include <cstring>
-#include <mutex>
 
 #include "diag/trace_log.h"
 #include "link/rack.h"
@@ -13,66 +12,66 @@
 void Rack::enqueue(Reader* reader)
 {
     {
-        std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
-        sendQueue.push_back(reader);
+        platform::LockGuard guard(sendQueueGuard_);
+        sendQueue_.push_back(reader);
     }
-    if (lockHolder.load() == nullptr) trySendNext();
+    if (lockHolder_.load() == nullptr) trySendNext();
 }
 
 bool Rack::sendQueueEmpty() { return queuedTurns() == 0; }
 
 size_t Rack::queuedTurns()
 {
-    std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
-    return sendQueue.size();
+    platform::LockGuard guard(sendQueueGuard_);
+    return sendQueue_.size();
 }
 
 void Rack::trySendNext()
 {
     for (;;) {
-        if (!sendMutex.tryLock()) return;
-        if (lockHolder.load() == nullptr) {
+        if (!sendMutex_.tryLock()) return;
+        if (lockHolder_.load() == nullptr) {
             Reader* next = nullptr;
             {
                 // The turn, the slot's frame count and the lock are taken
                 // together under the queue's guard, so that a release that
                 // depends on the frame count (unlockIfHeldFor) sees all or
                 // none of them.
-                std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
-                if (!sendQueue.empty()) {
-                    next = sendQueue.front();
-                    sendQueue.pop_front();
+                platform::LockGuard guard(sendQueueGuard_);
+                if (!sendQueue_.empty()) {
+                    next = sendQueue_.front();
+                    sendQueue_.pop_front();
                     next->framesSent.fetch_add(1, std::memory_order_acq_rel);
                     // The lock is taken before the write, so the answer
                     // can't overtake it.
-                    lockHolder.store(next);
+                    lockHolder_.store(next);
                 }
             }
             if (next != nullptr) next->send(ftHandle);
         }
-        sendMutex.unlock();
+        sendMutex_.unlock();
         // A release or an enqueue that lost the try-lock to us while we held
         // the mutex has left its turn with us: look once more, so that no
         // message stays queued behind a free lock with nobody to send it.
-        if (lockHolder.load() != nullptr || sendQueueEmpty()) return;
+        if (lockHolder_.load() != nullptr || sendQueueEmpty()) return;
     }
 }
 
 void Rack::unlock()
 {
-    lockHolder.store(nullptr);
+    lockHolder_.store(nullptr);
     trySendNext();
 }
 
 bool Rack::unlockIfHeldBy(uint32_t address)
 {
     logWrite("Checking");
-    Reader* holder = lockHolder.load();
+    Reader* holder = lockHolder_.load();
     if (holder == nullptr || holder->address != address) return false;
     logWrite("match");
     // Only this holder's release counts: if another thread released it and
     // the next reader already took the lock meanwhile, that lock stays.
-    if (!lockHolder.compare_exchange_strong(holder, nullptr)) return false;
+    if (!lockHolder_.compare_exchange_strong(holder, nullptr)) return false;
     trySendNext();
     return true;
 }
@@ -82,9 +81,9 @@ bool Rack::unlockIfHeldFor(Reader* reader, uint32_t framesSentThen)
     logWrite("Checking");
     bool released = false;
     {
-        std::lock_guard<platform::ExclusiveLock> guard(sendQueueGuard_);
-        if (lockHolder.load() == reader && reader->framesSent.load(std::memory_order_acquire) == framesSentThen) {
-            lockHolder.store(nullptr);
+        platform::LockGuard guard(sendQueueGuard_);
+        if (lockHolder_.load() == reader && reader->framesSent.load(std::memory_order_acquire) == framesSentThen) {
+            lockHolder_.store(nullptr);
             released = true;
         }
     }

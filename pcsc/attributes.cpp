@@ -14,6 +14,7 @@
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"
 #include "reader/atr.h"
+#include "reader/reader.h"
 
 // Hosts pass the addresses of these to SCardTransmit, which only tests the
 // pointer; the library never reads them. The raw record carries 4, not the
@@ -78,14 +79,14 @@ LONG attributeInNewBlock(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, LPDWO
     }
     if (dwAttrId == SCARD_ATTR_ATR_STRING) {
         logWrite("get_atr_GetReaderAtr_auto\n");
-        Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-        if (rack == nullptr) {
+        Reader* reader = findReaderByCardHandle(hCard).reader;
+        if (reader == nullptr) {
             // The ATR needs a reader; a handle that none holds is refused
             // as the status query refuses it.
             std::free(block);
             return SCARD_E_INVALID_HANDLE;
         }
-        *pcbAttrLen = rack->readerAtr(static_cast<uint32_t>(hCard), block);
+        *pcbAttrLen = reader->atr(block);
         traceLength(*pcbAttrLen);
         *reinterpret_cast<BYTE**>(pbAttr) = block;
         return SCARD_S_SUCCESS;
@@ -110,19 +111,19 @@ LONG attributeInCallersBuffer(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, 
     }
     if (dwAttrId != SCARD_ATTR_ATR_STRING) return answerWithoutData(dwAttrId);
 
-    Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-    if (rack == nullptr) return SCARD_E_INVALID_HANDLE;
+    Reader* reader = findReaderByCardHandle(hCard).reader;
+    if (reader == nullptr) return SCARD_E_INVALID_HANDLE;
     // The ATR is taken into a buffer of the library's own first, so that
     // no byte of it lands anywhere the caller did not offer.
     BYTE atr[kAttributeBlockSize] = {};
     if (pbAttr == nullptr) {
         logWrite("get_atr_GetReaderAtr_pbAttr_is_null\n");
-        *pcbAttrLen = rack->readerAtr(static_cast<uint32_t>(hCard), atr);
+        *pcbAttrLen = reader->atr(atr);
         traceLength(*pcbAttrLen);
         return SCARD_S_SUCCESS;
     }
     logWrite("get_atr_GetReaderAtr_else\n");
-    const DWORD length = rack->readerAtr(static_cast<uint32_t>(hCard), atr);
+    const DWORD length = reader->atr(atr);
     const DWORD delivered = std::min(length, capacity);
     std::memcpy(pbAttr, atr, delivered);
     *pcbAttrLen = length;

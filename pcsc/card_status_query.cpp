@@ -87,8 +87,7 @@ LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, 
     DWORD nameSize = *pcchReaderLen;
     DWORD atrSize = *pcbAtrLen;
 
-    Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-    Reader* reader = rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
+    Reader* reader = findReaderByCardHandle(hCard).reader;
     if (reader == nullptr) {
         traceIf(StatusForm<Char>::tracesDetail, "InvalidHandle\n");
         return SCARD_E_INVALID_HANDLE;

@@ -12,6 +12,7 @@
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"
+#include "reader/protocol_walk.h"
 #include "reader/reader.h"
 
 namespace {
@@ -44,16 +45,35 @@ void waitForReaderReply(Reader* reader)
 // *pdwActiveProtocol holds the protocol to use. Up to T=1 the request is
 // tested against the ATR's protocols; above, the ATR's first protocol is
 // taken, which may be 0 for an ATR that names none.
-bool chooseProtocol(Rack* rack, Reader* reader, DWORD requested, LPDWORD pdwActiveProtocol)
+bool chooseProtocol(Reader* reader, DWORD requested, LPDWORD pdwActiveProtocol)
 {
-    // Parsing the ATR refreshes the reader's protocol mask, which the test
-    // below reads; in the tested rows its result is not used.
-    const uint32_t offered = rack->supportedProtocols(reader);
+    const OfferedProtocols offered = offeredProtocols(reader->atrValue());
+    // An ATR that names no protocol leaves the reader's mask as it was, so
+    // a request is then tested against the protocols of an earlier card.
+    if (offered.mask != 0) {
+        reader->protocolMask.store(offered.mask, std::memory_order_release);
+        logWrite("atr says " + decimalText(offered.first) + "\n");
+    }
     if (requested > kHighestRequestedProtocol) {
-        *pdwActiveProtocol = offered;
+        *pdwActiveProtocol = offered.first;
         return true;
     }
-    return rack->supportsProtocol(reader, requested) != 0;
+    const uint32_t mask = reader->protocolMask.load(std::memory_order_acquire);
+    return (mask & requested) == requested;
+}
+
+// Tells the slot the protocol to use and gives it time to take it up.
+void connectCard(Rack* rack, Reader* reader, uint32_t activeProtocol)
+{
+    if (!rack->connected()) return;
+    // The API numbers protocols T + 1; the reader keeps the T number. An
+    // active protocol of 0 leaves 0xFFFFFFFF, which the select message
+    // treats as T=0.
+    const uint32_t tNumber = activeProtocol - 1;
+    logWrite("Connecting with prot T" + decimalText(tNumber) + "\n");
+    reader->setProtocol(tNumber);
+    rack->selectProtocol(reader);
+    platform::pauseMs(kSettlePauseMs);
 }
 
 // Selects the protocol on the slot and waits for its reply, holding the
@@ -62,15 +82,9 @@ bool chooseProtocol(Rack* rack, Reader* reader, DWORD requested, LPDWORD pdwActi
 void selectAndWait(Rack* rack, Reader* reader, DWORD activeProtocol)
 {
     ReaderTurn turn(reader);
-    rack->connectCard(reader, activeProtocol);
+    connectCard(rack, reader, activeProtocol);
     waitForReaderReply(reader);
     rack->unlockIfHeldBy(reader->address);
-}
-
-Reader* readerOfHandle(SCARDHANDLE hCard, Rack*& rack)
-{
-    rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-    return rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
 }
 
 // What SCardDisconnect and SCardReconnect do with a disposition.
@@ -87,19 +101,6 @@ Disposition dispositionOf(DWORD value)
 
 }  // namespace
 
-void Rack::connectCard(Reader* reader, uint32_t activeProtocol)
-{
-    if (connected.load() == 0) return;
-    // The API numbers protocols T + 1; the reader keeps the T number. An
-    // active protocol of 0 leaves 0xFFFFFFFF, which the select message
-    // treats as T=0.
-    const uint32_t tNumber = activeProtocol - 1;
-    logWrite("Connecting with prot T" + decimalText(tNumber) + "\n");
-    reader->setProtocol(tNumber);
-    selectProtocol(reader);
-    platform::pauseMs(kSettlePauseMs);
-}
-
 // szReader, phCard and pdwActiveProtocol are the caller's to supply; a null
 // among them is refused after the entry trace instead of written through.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareMode,
@@ -110,11 +111,11 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR
     if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
     *pdwActiveProtocol = dwPreferredProtocols;
 
-    Reader* reader = nullptr;
-    Rack* rack = rackByReaderName(szReader);
+    const RackReader found = findReaderByName(szReader);
+    Rack* rack = found.rack;
+    Reader* reader = found.reader;
     if (rack != nullptr) {
         logWrite("Got rack\n");
-        reader = rack->readerByName(szReader);
         logWrite("Got reader\n");
     }
     if (reader == nullptr) {
@@ -131,7 +132,7 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR
         logWrite("Protocol unspecified\n");
     else
         logWrite("Requested protocol is " + decimalText(static_cast<uint32_t>(dwPreferredProtocols)) + "\n");
-    if (!chooseProtocol(rack, reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
+    if (!chooseProtocol(reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
 
     // Every connect to a slot gets the slot's one handle.
     *phCard = reader->handle;
@@ -150,8 +151,9 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWST
     if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
     *pdwActiveProtocol = dwPreferredProtocols;
 
-    Rack* rack = rackByReaderNameWide(szReader);
-    Reader* reader = rack != nullptr ? rack->readerByWideName(szReader) : nullptr;
+    const RackReader found = findReaderByWideName(szReader);
+    Rack* rack = found.rack;
+    Reader* reader = found.reader;
     if (reader == nullptr) return SCARD_E_READER_UNAVAILABLE;
     if (reader->atrLength() == 0) return SCARD_E_NO_SMARTCARD;
 
@@ -159,7 +161,7 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWST
     // choice, so the host holds it after a mismatch too.
     *phCard = reader->handle;
     logWrite("pref prot is " + decimalText(static_cast<uint32_t>(dwPreferredProtocols)) + "\n");
-    if (!chooseProtocol(rack, reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
+    if (!chooseProtocol(reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
     logWrite("Connected\n");
     logWrite("active is " + decimalText(static_cast<uint32_t>(*pdwActiveProtocol)) + "\n");
 
@@ -187,8 +189,9 @@ LONG resendProtocol(SCARDHANDLE hCard, DWORD disposition, AfterResend after)
     case Disposition::resend:
         break;
     }
-    Rack* rack = nullptr;
-    Reader* reader = readerOfHandle(hCard, rack);
+    const RackReader found = findReaderByCardHandle(hCard);
+    Rack* rack = found.rack;
+    Reader* reader = found.reader;
     if (reader == nullptr) {
         logWrite("idx missing\n");
         return SCARD_E_READER_UNAVAILABLE;

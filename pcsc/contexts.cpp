@@ -57,8 +57,11 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardEstablishContext(DWORD dwScope, LPCVOI
         logWrite("Invalid value.\n");
         return SCARD_E_INVALID_VALUE;
     }
-    // Nothing is kept about a context, so it may repeat and may be 0.
-    // The generator was seeded once by the discovery thread.
+    // Nothing is kept about a context, so it may repeat and may be 0. The
+    // discovery thread seeds the generator, but that seed reaches this call
+    // only where the C library keeps one generator for the process; the
+    // Windows C library keeps one a thread, so there a host thread draws
+    // from its own, unseeded generator. Nothing relies on the values.
     *phContext = static_cast<SCARDCONTEXT>(std::rand() % 0x7FFFFFFF);
     logWrite("SCardEstablishContext " + decimalText(static_cast<int32_t>(*phContext)) + "\n");
     waitForRacks();
@@ -78,7 +81,7 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardIsValidContext(SCARDCONTEXT hContext)
 {
     logWrite("checking context is valid: \n");
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) {
-        if (g_racks[i]->enumerated.load() == 0) {
+        if (!g_racks[i]->enumerated()) {
             logWrite("INVALID CONTEXT\n");
             return kInvalidContextResult;
         }

@@ -72,7 +72,7 @@ std::basic_string<Char> composeReaderList()
 {
     std::basic_string<Char> list;
     for (size_t r = 0, racks = g_racks.size(); r < racks; ++r) {
-        const GrowingList<Reader*>& readers = g_racks[r]->readers;
+        const GrowingList<Reader*>& readers = g_racks[r]->readers();
         for (size_t i = 0, n = readers.size(); i < n; ++i) {
             ListingForm<Char>::appendName(list, *readers[i]);
             list.push_back(Char(0));

@@ -1,9 +1,10 @@
-// Every way from a bus address, a reader name or a card handle to its
-// reader and rack: plain walks from the front, first match wins. They take
-// no lock; the lists they walk only grow and publish complete elements.
+// Plain walks from the front over every rack's readers, first match wins.
+// They take no lock; the lists they walk only grow and publish complete
+// elements.
 #include "pcsc/lookups.h"
 
-#include <cwchar>
+#include <cstdint>
+#include <string>
 
 #include "link/rack.h"
 #include "pcsc/registry.h"
@@ -20,56 +21,34 @@ bool sameWideName(const std::string& name, const wchar_t* wide)
 }
 
 template <typename Match>
-Reader* firstReader(const GrowingList<Reader*>& readers, Match match)
+RackReader firstMatch(Match match)
 {
-    for (size_t i = 0, n = readers.size(); i < n; ++i)
-        if (match(readers[i])) return readers[i];
-    return nullptr;
-}
-
-template <typename Find>
-Rack* firstRack(Find find)
-{
-    for (size_t i = 0, n = g_racks.size(); i < n; ++i)
-        if (find(g_racks[i]) != nullptr) return g_racks[i];
-    return nullptr;
+    for (size_t r = 0, racks = g_racks.size(); r < racks; ++r) {
+        const GrowingList<Reader*>& readers = g_racks[r]->readers();
+        for (size_t i = 0, n = readers.size(); i < n; ++i)
+            if (match(*readers[i])) return {g_racks[r], readers[i]};
+    }
+    return {};
 }
 
 }  // namespace
 
-Reader* Rack::readerByAddress(uint32_t address) const
+RackReader findReaderByName(const char* name)
 {
-    return firstReader(readers, [address](Reader* r) { return r->address == address; });
+    if (name == nullptr) return {};
+    return firstMatch([name](const Reader& reader) { return reader.name == name; });
 }
 
-Reader* Rack::readerByName(const char* name) const
+RackReader findReaderByWideName(const wchar_t* name)
 {
-    if (name == nullptr) return nullptr;
-    return firstReader(readers, [name](Reader* r) { return r->name == name; });
+    if (name == nullptr) return {};
+    return firstMatch([name](const Reader& reader) { return sameWideName(reader.name, name); });
 }
 
-Reader* Rack::readerByWideName(const wchar_t* name) const
+RackReader findReaderByCardHandle(SCARDHANDLE hCard)
 {
-    if (name == nullptr) return nullptr;
-    return firstReader(readers, [name](Reader* r) { return sameWideName(r->name, name); });
-}
-
-Reader* Rack::readerByHandle(uint32_t cardHandle) const
-{
-    return firstReader(readers, [cardHandle](Reader* r) { return r->handle == cardHandle; });
-}
-
-Rack* rackByReaderName(const char* name)
-{
-    return firstRack([name](Rack* rack) { return rack->readerByName(name); });
-}
-
-Rack* rackByReaderNameWide(const wchar_t* name)
-{
-    return firstRack([name](Rack* rack) { return rack->readerByWideName(name); });
-}
-
-Rack* rackByCardHandle(uint32_t handle)
-{
-    return firstRack([handle](Rack* rack) { return rack->readerByHandle(handle); });
+    // The one place where a host's handle value becomes a reader's handle:
+    // the handles this library hands out are 32-bit.
+    const uint32_t handle = static_cast<uint32_t>(hCard);
+    return firstMatch([handle](const Reader& reader) { return reader.handle == handle; });
 }

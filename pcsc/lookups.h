@@ -1,11 +1,18 @@
-// From a reader name or a card handle to the rack that holds the reader.
-// Plain walks from the front over g_racks and each rack's readers.
+// From a reader name or a card handle to the reader and the rack that
+// holds it.
 #pragma once
 
-#include <cstdint>
+#include "pcsc/pcsc_types.h"
 
 class Rack;
+class Reader;
 
-Rack* rackByReaderName(const char* name);
-Rack* rackByReaderNameWide(const wchar_t* name);
-Rack* rackByCardHandle(uint32_t handle);
+// Both null when nothing matches.
+struct RackReader {
+    Rack* rack = nullptr;
+    Reader* reader = nullptr;
+};
+
+RackReader findReaderByName(const char* name);
+RackReader findReaderByWideName(const wchar_t* name);
+RackReader findReaderByCardHandle(SCARDHANDLE hCard);

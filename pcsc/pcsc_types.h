@@ -117,11 +117,3 @@ typedef struct {
 #define SCARD_ATTR_ATR_STRING 0x00090303
 
 #endif
-
-// The card states of this system are the bit values of the open-source
-// PC/SC headers, handed to the host unchanged by SCardStatusA/W.
-enum : DWORD {
-    kCardAbsent = 0x02,
-    kCardPresent = 0x04,
-    kCardSwallowed = 0x08,
-};

@@ -96,7 +96,7 @@ void discoverRacks()
         } catch (int32_t) {
             continue;  // the device did not open; the next record is still served
         }
-        if (rack->connected.load(std::memory_order_acquire) == 0) {
+        if (!rack->connected()) {
             delete rack;
             continue;
         }
@@ -114,7 +114,7 @@ bool allRacksEnumerated()
     if (count == 0) return false;
     size_t done = 0;
     for (size_t i = 0; i < count; ++i)
-        if (g_racks[i]->enumerated.load(std::memory_order_acquire) != 0) ++done;
+        if (g_racks[i]->enumerated()) ++done;
     return done == count;
 }
 
@@ -131,8 +131,7 @@ void shutdownAllRacks()
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) g_racks[i]->stopWorkers();
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) delete g_racks[i];
     g_racks.clear();
-    std::lock_guard<platform::ExclusiveLock> guard(g_cardHandlesLock);
-    g_cardHandles.clear();
+    forgetCardHandles();
 }
 
 }  // namespace registry_testing

@@ -28,9 +28,7 @@ struct StatusChangeForm<SCARD_READERSTATEA> {
     static constexpr const char* entry = "SCardGetStatusChangeA\n";
     static constexpr bool tracesNames = true;
 
-    static Rack* rackOf(const char* name) { return rackByReaderName(name); }
-    static Reader* readerOf(Rack* rack, const char* name) { return rack->readerByName(name); }
-    static bool known(const char* name) { return rackByReaderName(name) != nullptr; }
+    static RackReader find(const char* name) { return findReaderByName(name); }
     static void traceName(const char* name) { logWrite(std::string(name) + "\n"); }
 };
 
@@ -39,9 +37,7 @@ struct StatusChangeForm<SCARD_READERSTATEW> {
     static constexpr const char* entry = "SCardGetStatusChangeW\n";
     static constexpr bool tracesNames = false;
 
-    static Rack* rackOf(const wchar_t* name) { return rackByReaderNameWide(name); }
-    static Reader* readerOf(Rack* rack, const wchar_t* name) { return rack->readerByWideName(name); }
-    static bool known(const wchar_t* name) { return rackByReaderNameWide(name) != nullptr; }
+    static RackReader find(const wchar_t* name) { return findReaderByWideName(name); }
     static void traceName(const wchar_t*) {}
 };
 
@@ -54,8 +50,7 @@ bool refreshRecord(Record& record)
     // Readers are never removed, so a name checked at the start of the call
     // still finds its reader; the test only guards against a torn-down
     // library.
-    Rack* rack = Form::rackOf(record.szReader);
-    Reader* reader = rack != nullptr ? Form::readerOf(rack, record.szReader) : nullptr;
+    Reader* reader = Form::find(record.szReader).reader;
     if (reader == nullptr) return false;
 
     record.dwEventState = SCARD_STATE_CHANGED;
@@ -106,7 +101,7 @@ LONG getStatusChange(DWORD dwTimeout, Record* records, DWORD count)
     for (DWORD i = 0; i < count; ++i) {
         if (records[i].szReader == nullptr) return SCARD_E_INVALID_PARAMETER;
         if (Form::tracesNames) Form::traceName(records[i].szReader);
-        if (!Form::known(records[i].szReader)) {
+        if (Form::find(records[i].szReader).reader == nullptr) {
             if (Form::tracesNames) logWrite("Reader doesn't exist");
             return SCARD_E_UNKNOWN_READER;
         }

@@ -1,7 +1,6 @@
 #include "reader/atr.h"
 
 #include <cstring>
-#include <thread>
 
 Atr::Atr(const uint8_t* data, uint32_t count)
 {
@@ -18,35 +17,26 @@ uint32_t Atr::copyTo(uint8_t* destination) const
 // One writer (the rack's status thread), any number of readers.
 void SharedAtr::store(const Atr& value)
 {
-    uint32_t sequence = sequence_.load(std::memory_order_relaxed);
-    sequence_.store(sequence + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    for (uint32_t i = 0; i < Atr::capacity / 4; ++i) {
-        uint32_t word;
-        std::memcpy(&word, value.bytes + i * 4, 4);
-        words_[i].store(word, std::memory_order_relaxed);
-    }
-    length_.store(value.length, std::memory_order_relaxed);
-    sequence_.store(sequence + 2, std::memory_order_release);
+    words_.write([&](Words& words) {
+        for (uint32_t i = 0; i < Atr::capacity / 4; ++i) {
+            uint32_t word;
+            std::memcpy(&word, value.bytes + i * 4, 4);
+            words.bytes[i].store(word, std::memory_order_relaxed);
+        }
+        length_.store(value.length, std::memory_order_relaxed);
+    });
 }
 
 Atr SharedAtr::load() const
 {
     Atr value;
-    for (;;) {
-        uint32_t before = sequence_.load(std::memory_order_acquire);
-        if (before & 1) {
-            std::this_thread::yield();
-            continue;
-        }
+    words_.read([&](const Words& words) {
         for (uint32_t i = 0; i < Atr::capacity / 4; ++i) {
-            uint32_t word = words_[i].load(std::memory_order_relaxed);
+            uint32_t word = words.bytes[i].load(std::memory_order_relaxed);
             std::memcpy(value.bytes + i * 4, &word, 4);
         }
         value.length = length_.load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (sequence_.load(std::memory_order_relaxed) == before) break;
-    }
+    });
     if (value.length > Atr::capacity) value.length = Atr::capacity;
     return value;
 }

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "reader/sequence_counted.h"
+
 struct Atr {
     static constexpr uint32_t capacity = 32;
 
@@ -21,8 +23,7 @@ struct Atr {
 
 // An Atr that one thread (the rack's status thread) stores while others
 // read it. A reader always gets one whole value, never the bytes of one ATR
-// with the length of another: the words are guarded by a sequence counter
-// as in Mailbox.
+// with the length of another.
 class SharedAtr {
 public:
     void store(const Atr& value);
@@ -30,7 +31,9 @@ public:
     uint32_t length() const { return length_.load(std::memory_order_acquire); }
 
 private:
-    std::atomic<uint32_t> words_[Atr::capacity / 4] = {};
+    struct Words {
+        std::atomic<uint32_t> bytes[Atr::capacity / 4];
+    };
+    SequenceCounted<Words> words_;
     std::atomic<uint32_t> length_{0};
-    std::atomic<uint32_t> sequence_{0};
 };

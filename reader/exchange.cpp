@@ -1,9 +1,10 @@
-// Command exchange: SCardTransmit sends one command to the card in a slot
-// and returns its answer. The slots of a rack share one bus, so the command
-// goes through the reader's outgoing mailbox and the rack's send queue; the
-// call then waits, first for the frame to leave and then for the answer to
-// stand in the incoming mailbox. The slot's acknowledge frees the bus while
-// the card works, so exchanges with different slots overlap.
+// Command exchange. The slots of a rack share one bus, so the command goes
+// through the reader's outgoing mailbox and the rack's send queue; the
+// exchange then waits, first for the frame to leave and then for the answer
+// to stand in the incoming mailbox. The slot's acknowledge frees the bus
+// while the card works, so exchanges with different slots overlap.
+#include "reader/exchange.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -12,15 +13,12 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
-#include "pcsc/lookups.h"
-#include "pcsc/winscard_api.h"
 #include "platform/clock.h"
 #include "reader/mailbox.h"
 #include "reader/reader.h"
 
 namespace {
 
-constexpr DWORD kLongestCommand = 255;
 // The write wait: passes of 1 ms each.
 constexpr uint32_t kWritePasses = 120000;
 constexpr uint32_t kWritePassMs = 1;
@@ -45,7 +43,8 @@ bool waitForSend(Reader* reader)
     return true;
 }
 
-// Waits for the answer without sleeping. The clock is the tick counter in
+// Waits for the answer without sleeping. This wait is the one place where
+// an exchange learns of its answer. The clock is the tick counter in
 // whole seconds, so the wait ends when 40 second boundaries have been
 // crossed since the start: 39 to 40 s. The count of boundaries comes from
 // the start's phase within its second and the unsigned millisecond
@@ -80,82 +79,62 @@ void locateAnswer(uint32_t frameLength, uint32_t& dataLength, uint32_t& offset)
 
 }  // namespace
 
-extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_IO_REQUEST pioSendPci,
-                                                   LPCBYTE pbSendBuffer, DWORD cbSendLength,
-                                                   LPSCARD_IO_REQUEST pioRecvPci, LPBYTE pbRecvBuffer,
-                                                   LPDWORD pcbRecvLength)
+ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint32_t length, uint8_t* answer,
+                        uint32_t capacity)
 {
-    logWrite("SCardTransmit\n");
-    // The send PCI is only tested for presence; the receive PCI is not
-    // looked at at all.
-    if (pbSendBuffer == nullptr || pbRecvBuffer == nullptr || pcbRecvLength == nullptr || pioSendPci == nullptr) {
-        logWrite("invalid param\n");
-        return SCARD_E_INVALID_PARAMETER;
-    }
-    if (cbSendLength > kLongestCommand) {
-        logWrite("invalid length, cbSend: " + decimalText(static_cast<uint32_t>(cbSendLength)) + ", pcbRecv: " +
-                 decimalText(static_cast<uint32_t>(*pcbRecvLength)) + "\n");
-        return SCARD_E_INSUFFICIENT_BUFFER;
-    }
-    Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-    Reader* reader = rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
-    if (reader == nullptr) return SCARD_E_INVALID_HANDLE;
-    // The size of the host's buffer; the answer never goes past it.
-    const DWORD capacity = *pcbRecvLength;
-
-    logWrite(reader->name + " Transmit - " + hexDump(pbSendBuffer, static_cast<int32_t>(cbSendLength)) + "\n");
+    logWrite(reader.name + " Transmit - " + hexDump(command, static_cast<int32_t>(length)) + "\n");
     // One exchange with the slot at a time: a second host thread on the
     // same reader would share its mailboxes and could take this answer.
-    ReaderTurn turn(reader);
-    rack->forwardToReader(reader, pbSendBuffer, cbSendLength, Rack::Direction::toReader);
+    ReaderTurn turn(&reader);
+    rack.forwardToReader(&reader, command, length, Rack::Direction::toReader);
     logWrite("Finished write\n");
 
-    if (!waitForSend(reader)) {
+    ExchangeResult result;
+    if (!waitForSend(&reader)) {
         // The frame may still stand in the send queue and go out when its
         // turn comes, after the host has been told of the time-out.
-        rack->unlockIfHeldBy(reader->address);
-        logWrite(reader->name + " : too long waiting for write the rack lock is " +
-                 decimalText(static_cast<uint32_t>(rack->isLocked() ? 1 : 0)) + " msg buffer is " +
-                 decimalText(static_cast<uint32_t>(reader->outgoing.unread.load())) + " and reader is " +
-                 decimalText(reader->blocked.load()) + "\n");
-        return SCARD_E_TIMEOUT;
+        rack.unlockIfHeldBy(reader.address);
+        logWrite(reader.name + " : too long waiting for write the rack lock is " +
+                 decimalText(static_cast<uint32_t>(rack.isLocked() ? 1 : 0)) + " msg buffer is " +
+                 decimalText(static_cast<uint32_t>(reader.outgoing.unread.load())) + " and reader is " +
+                 decimalText(reader.blocked.load()) + "\n");
+        result.outcome = ExchangeOutcome::notSent;
+        return result;
     }
     logWrite("Has sent\n");
 
     uint32_t lastTick = 0;
-    const bool answered = waitForAnswer(reader, lastTick);
-    reader->blocked.store(0);
+    const bool answered = waitForAnswer(&reader, lastTick);
+    reader.blocked.store(0);
 
-    LONG result = SCARD_S_SUCCESS;
-    DWORD answerLength = 0;
     if (!answered) {
-        rack->unlockIfHeldBy(reader->address);
-        logWrite(reader->name + " Timeout - " + decimalText(lastTick / 1000) + "uSec\n");
-        result = SCARD_E_TIMEOUT;
+        rack.unlockIfHeldBy(reader.address);
+        logWrite(reader.name + " Timeout - " + decimalText(lastTick / 1000) + "uSec\n");
+        result.outcome = ExchangeOutcome::noAnswer;
     } else {
         uint8_t frame[Mailbox::capacity] = {};
-        const uint32_t frameLength = reader->readMailbox(false, frame);
+        const uint32_t frameLength = reader.readMailbox(false, frame);
         uint32_t dataLength = 0;
         uint32_t offset = 0;
         locateAnswer(frameLength, dataLength, offset);
+        result.outcome = ExchangeOutcome::answered;
         if (dataLength == 0) {
             // A frame without data ends the exchange like a time-out. The
             // trace has no line end; the answer line runs on behind it.
-            rack->unlockIfHeldBy(reader->address);
-            logWrite(reader->name + " 1C/1D Timeout");
-            result = SCARD_E_TIMEOUT;
+            rack.unlockIfHeldBy(reader.address);
+            logWrite(reader.name + " 1C/1D Timeout");
+            result.outcome = ExchangeOutcome::noAnswer;
         }
-        // An answer longer than the host's buffer: what fits is delivered,
-        // the full length is reported, and the host is told its buffer is
-        // too small, as the status query does. Nothing goes past the buffer.
+        // An answer longer than the caller's buffer: what fits is
+        // delivered and the full length reported. Nothing goes past the
+        // buffer.
         const uint32_t delivered = std::min<uint32_t>(dataLength, capacity);
-        std::memcpy(pbRecvBuffer, frame + offset, delivered);
-        if (dataLength > capacity) result = SCARD_E_INSUFFICIENT_BUFFER;
-        logWrite(reader->name + " Answer - " + hexDump(pbRecvBuffer, static_cast<int32_t>(delivered)) + "\n");
-        answerLength = dataLength;
+        std::memcpy(answer, frame + offset, delivered);
+        if (dataLength > capacity) result.outcome = ExchangeOutcome::answerTooLong;
+        logWrite(reader.name + " Answer - " + hexDump(answer, static_cast<int32_t>(delivered)) + "\n");
+        result.answerLength = dataLength;
     }
 
-    reader->clearIncoming();
-    *pcbRecvLength = answerLength;
+    reader.clearIncoming();
     return result;
 }

@@ -3,16 +3,16 @@
 // the same message on their own. A write replaces the message whatever the
 // flags say; a read leaves it in place.
 //
-// The bytes are shared between threads without a lock. They are held in
-// atomic words behind a sequence counter: a writer makes the counter odd,
-// stores, and makes it even again; a reader copies between two equal, even
-// readings of the counter and otherwise copies again. So a reader never
-// takes a frame that is half old and half new, and `bytes` and `length` are
-// complete before `unread` and `arrived` are set.
+// The bytes are shared between threads without a lock, behind a sequence
+// counter (SequenceCounted), so a reader never takes a frame that is half
+// old and half new; the bytes and `length` are complete before `unread` and
+// `arrived` are set.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+
+#include "reader/sequence_counted.h"
 
 class Mailbox {
 public:
@@ -35,12 +35,14 @@ public:
         return selectArrived ? arrived.load(std::memory_order_acquire) : unread.load(std::memory_order_acquire);
     }
 
-    std::atomic<uint32_t> bytes[capacity / 4] = {};
     std::atomic<uint32_t> length{0};
     std::atomic<uint16_t> unread{0};
     std::atomic<uint16_t> arrived{0};
 
 private:
-    std::atomic<uint32_t> tag_{0};
-    std::atomic<uint32_t> sequence_{0};
+    struct Frame {
+        std::atomic<uint32_t> words[capacity / 4];
+        std::atomic<uint32_t> tag;
+    };
+    SequenceCounted<Frame> frame_;
 };

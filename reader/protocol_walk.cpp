@@ -1,9 +1,6 @@
 // The protocols that a card's ATR offers, read from its interface bytes
 // (T0, TD1, TD2) by the rules of ISO/IEC 7816-3.
-#include "diag/text.h"
-#include "diag/trace_log.h"
-#include "link/rack.h"
-#include "reader/reader.h"
+#include "reader/protocol_walk.h"
 
 namespace {
 
@@ -18,30 +15,24 @@ uint32_t interfaceBytesBeforeTd(uint8_t highNibble)
 // An ATR shorter than its own format bytes announce is read only as far as
 // it goes: a TD byte that would stand at or behind the ATR's length counts
 // as absent, so bytes the card never sent never name a protocol.
-uint32_t Rack::supportedProtocols(Reader* reader)
+OfferedProtocols offeredProtocols(const Atr& atr)
 {
-    Atr atr = reader->atrValue();
+    OfferedProtocols offered;
     uint32_t i = 1;
-    if (i >= atr.length) return 0;
+    if (i >= atr.length) return offered;
     uint8_t y = atr.bytes[i] >> 4;
     i += interfaceBytesBeforeTd(y);
-    if ((y & 0x8) == 0) return 0;
+    if ((y & 0x8) == 0) return offered;
     ++i;
-    if (i >= atr.length) return 0;
+    if (i >= atr.length) return offered;
     uint32_t t = atr.bytes[i] & 0x0F;
     y = atr.bytes[i] >> 4;
-    uint32_t mask = t + 1;
+    offered.first = t + 1;
+    offered.mask = t + 1;
     i += interfaceBytesBeforeTd(y);
     if (y & 0x8) {
         ++i;
-        if (i < atr.length) mask |= (atr.bytes[i] & 0x0Fu) + 1;
+        if (i < atr.length) offered.mask |= (atr.bytes[i] & 0x0Fu) + 1;
     }
-    reader->protocolMask.store(mask, std::memory_order_release);
-    logWrite("atr says " + decimalText(t + 1) + "\n");
-    return t + 1;
-}
-
-uint32_t Rack::supportsProtocol(Reader* reader, uint32_t wanted)
-{
-    return (reader->protocolMask.load(std::memory_order_acquire) & wanted) == wanted ? 1 : 0;
+    return offered;
 }

@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "diag/text.h"
 #include "diag/trace_log.h"
@@ -12,6 +11,12 @@
 
 CONSTRUCTED_BEFORE_STARTUP(203) std::vector<uint32_t> g_cardHandles;
 CONSTRUCTED_BEFORE_STARTUP(203) platform::ExclusiveLock g_cardHandlesLock;
+
+void forgetCardHandles()
+{
+    platform::LockGuard guard(g_cardHandlesLock);
+    g_cardHandles.clear();
+}
 
 Reader::Reader(uint32_t address, std::string serial)
     : address(address), handle(newHandle()), name("Tessel " + serial + " R" + decimalText(address))
@@ -64,7 +69,7 @@ uint32_t Reader::newHandle()
     // The uniqueness test and the append stay together under the lock, so
     // two racks enumerating at once never draw the same handle. rand()
     // yields at most 32,768 values against at most 240 slots a rack.
-    std::lock_guard<platform::ExclusiveLock> guard(g_cardHandlesLock);
+    platform::LockGuard guard(g_cardHandlesLock);
     for (;;) {
         uint32_t candidate = ~static_cast<uint32_t>(std::rand() % 0x7FFFFFFF);
         bool taken = false;

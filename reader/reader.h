@@ -12,13 +12,17 @@
 
 #include "platform/d2xx.h"
 #include "platform/sync.h"
+#include "platform/thread_safety.h"
 #include "reader/atr.h"
 #include "reader/mailbox.h"
 
 // Every card handle drawn so far in the process, shared by all racks, with
 // the lock that keeps the uniqueness test and the append together.
-extern std::vector<uint32_t> g_cardHandles;
 extern platform::ExclusiveLock g_cardHandlesLock;
+extern std::vector<uint32_t> g_cardHandles GUARDED_BY(g_cardHandlesLock);
+
+// Forgets every handle drawn (the stop path and tests).
+void forgetCardHandles();
 
 // Card states: the bit values of the open-source PC/SC headers.
 enum : uint32_t {
@@ -69,7 +73,7 @@ public:
     void takeTurn();
     void giveTurn() { turn_.store(0, std::memory_order_release); }
 
-    static uint32_t newHandle();
+    static uint32_t newHandle() EXCLUDES(g_cardHandlesLock);
 
     // Fields, in the order of the reader record.
     SharedAtr atr_;

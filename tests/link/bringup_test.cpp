@@ -48,17 +48,17 @@ TEST_P(BringUpSizes, MakesOneReaderPerSlotInAddressOrderAndCollectsEveryStatus)
     startLibrary(1);
 
     Rack* rack = g_racks[0];
-    ASSERT_EQ(rack->readers.size(), static_cast<size_t>(slots));
+    ASSERT_EQ(rack->readers().size(), static_cast<size_t>(slots));
     for (int a = 1; a <= slots; ++a) {
-        Reader* reader = rack->readers[static_cast<size_t>(a) - 1];
+        Reader* reader = rack->readers()[static_cast<size_t>(a) - 1];
         EXPECT_EQ(reader->address, static_cast<uint32_t>(a));
         EXPECT_EQ(reader->name, "Tessel A1B2C3 R" + std::to_string(a));
         EXPECT_EQ(reader->cardState(), a == 1 ? kStateCard : kStateNoCard);
         EXPECT_EQ(static_cast<int32_t>(reader->handle) < 0, true) << "handles read negative";
     }
-    EXPECT_EQ(rack->readers[0]->atrLength(), 3u);
+    EXPECT_EQ(rack->readers()[0]->atrLength(), 3u);
     expectWire(device, slots);
-    EXPECT_EQ(rack->statusCount.load(), static_cast<uint32_t>(slots));
+    EXPECT_EQ(rack->statusCount(), static_cast<uint32_t>(slots));
 
     std::string text = logText();
     const std::vector<std::string> inOrder = {
@@ -97,11 +97,11 @@ TEST_F(BringUp, TwoRacksFollowTheDeviceListOrderAndNamesAndHandlesDiffer)
     int first = addRack("ZZ9", 2);
     int second = addRack("AA1", 2);
     startLibrary(2);
-    EXPECT_EQ(g_racks[0]->serial, "ZZ9");
-    EXPECT_EQ(g_racks[1]->serial, "AA1");
-    EXPECT_EQ(g_racks[0]->readers[0]->name, "Tessel ZZ9 R1");
-    EXPECT_EQ(g_racks[1]->readers[0]->name, "Tessel AA1 R1");
-    EXPECT_NE(g_racks[0]->readers[0]->handle, g_racks[1]->readers[0]->handle);
+    EXPECT_EQ(g_racks[0]->serialNumber(), "ZZ9");
+    EXPECT_EQ(g_racks[1]->serialNumber(), "AA1");
+    EXPECT_EQ(g_racks[0]->readers()[0]->name, "Tessel ZZ9 R1");
+    EXPECT_EQ(g_racks[1]->readers()[0]->name, "Tessel AA1 R1");
+    EXPECT_NE(g_racks[0]->readers()[0]->handle, g_racks[1]->readers()[0]->handle);
     EXPECT_EQ(g_cardHandles.size(), 4u);
     expectWire(first, 2);
     expectWire(second, 2);
@@ -116,7 +116,7 @@ TEST_F(BringUp, OtherDevicesAreSkippedAndOneThatFailsToOpenIsDropped)
     int good = addRack("GOOD", 2);
     startLibrary(1);
 
-    EXPECT_EQ(g_racks[0]->serial, "GOOD");
+    EXPECT_EQ(g_racks[0]->serialNumber(), "GOOD");
     std::string text = logText();
     EXPECT_EQ(text.find("NOTME"), std::string::npos) << "other devices are passed over without a trace";
     EXPECT_NE(text.find("Found device with serial BUSY\nno rack found"), std::string::npos);
@@ -140,7 +140,7 @@ TEST_F(BringUp, SlotMapBytesGiveAReaderOnlyForLowNibbleOneToThree)
     for (auto [address, byte] : map) rackSimSetSlotMapByte(device, address, byte);
     startLibrary(1);
     std::vector<uint32_t> addresses;
-    for (size_t i = 0; i < g_racks[0]->readers.size(); ++i) addresses.push_back(g_racks[0]->readers[i]->address);
+    for (size_t i = 0; i < g_racks[0]->readers().size(); ++i) addresses.push_back(g_racks[0]->readers()[i]->address);
     EXPECT_EQ(addresses, (std::vector<uint32_t>{1, 2, 3, 7, 240}));
 }
 
@@ -154,7 +154,7 @@ TEST_F(BringUp, MasterThatNeverAnswersTheClosingFrameLeavesTheRackUnenumerated)
     ASSERT_TRUE(waitUntil([&] { return wireLog(device).size() == 5; }));  // reset, enum, 2 requests, C2
     EXPECT_EQ(wireLog(device).back(), kCollected);
     EXPECT_FALSE(allRacksEnumerated());
-    EXPECT_EQ(g_racks[0]->readers.size(), 2u);
+    EXPECT_EQ(g_racks[0]->readers().size(), 2u);
 }
 
 TEST_F(BringUp, CloseConnectionsClosesEveryLinkAndKeepsTheRacks)

@@ -18,7 +18,7 @@ using Bytes = std::vector<uint8_t>;
 class Dispatch : public OneRackFixture {
 protected:
     void startRack(int slots) { OneRackFixture::startRack("DSP", slots); }
-    bool quiet() { return rack_->lockHolder.load() == nullptr && rack_->queuedTurns() == 0; }
+    bool quiet() { return rack_->lockHolder() == nullptr && rack_->queuedTurns() == 0; }
 };
 
 Bytes statusRequestTo(uint8_t address) { return slotFrame(address, 0x00, {}); }
@@ -59,7 +59,7 @@ TEST_F(Dispatch, AcknowledgeFromAnotherReaderFreesTheLockAndTheQueueGoesOnInOrde
     // Slot 1 takes the lock and never answers; three turns queue behind it.
     rackSimSetSlotFault(device_, 1, RACKSIM_NO_ACK, 1);
     rack_->requestStatus(reader(1));
-    ASSERT_EQ(rack_->lockHolder.load(), reader(1));
+    ASSERT_EQ(rack_->lockHolder(), reader(1));
     rack_->requestStatus(reader(3));
     rack_->requestStatus(reader(2));
     rack_->requestStatus(reader(4));

@@ -80,11 +80,10 @@ inline size_t countOf(const std::string& text, const std::string& part)
 
 inline Reader* readerNamed(const std::string& name)
 {
-    Rack* rack = rackByReaderName(name.c_str());
-    return rack != nullptr ? rack->readerByName(name.c_str()) : nullptr;
+    return findReaderByName(name.c_str()).reader;
 }
 
-inline Rack* rackOf(const std::string& name) { return rackByReaderName(name.c_str()); }
+inline Rack* rackOf(const std::string& name) { return findReaderByName(name.c_str()).rack; }
 
 // Frames the host wrote to one slot address, in order.
 inline std::vector<std::vector<uint8_t>> framesTo(const std::vector<std::vector<uint8_t>>& wire, int address)

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "diag/text.h"
+#include "reader/protocol_walk.h"
 #include "reader/reader.h"
 #include "support/rack_fixture.h"
 
@@ -38,7 +39,7 @@ protected:
     }
     bool frameTaken(int address)
     {
-        return address >= 1 && static_cast<size_t>(address) <= rack_->readers.size()
+        return address >= 1 && static_cast<size_t>(address) <= rack_->readers().size()
                    ? reader(address)->incoming.unread.load() == 0
                    : true;
     }
@@ -133,40 +134,33 @@ TEST_F(CardState, CollectionCountsEveryReaderAndSendsTheClosingFrameOnce)
     for (const Bytes& frame : wireLog(device_))
         if (frame == Bytes{0x55, 0x00, 0x00, 0xC2, 0xE9}) ++closing;
     EXPECT_EQ(closing, 1);
-    EXPECT_EQ(rack_->statusCount.load(), 3u);
+    EXPECT_EQ(rack_->statusCount(), 3u);
 }
 
 struct WalkCase {
     Bytes atr;
-    uint32_t result;
+    uint32_t first;
     uint32_t mask;
-    const char* trace;
 };
 
-class ProtocolWalk : public CardState, public ::testing::WithParamInterface<WalkCase> {};
+class ProtocolWalk : public ::testing::TestWithParam<WalkCase> {};
 
 TEST_P(ProtocolWalk, InterfaceBytesNameTheProtocols)
 {
     const WalkCase& c = GetParam();
-    int device = addRack("PW", 1);
-    insertCard(device, 1, c.atr);
-    startLibrary(1);
-    rack_ = g_racks[0];
-    reader(1)->protocolMask.store(0);
-    clearLog();
-    EXPECT_EQ(rack_->supportedProtocols(reader(1)), c.result);
-    EXPECT_EQ(reader(1)->protocolMask.load(), c.mask);
-    EXPECT_EQ(logText(), c.trace);
+    const OfferedProtocols offered = offeredProtocols(Atr(c.atr.data(), static_cast<uint32_t>(c.atr.size())));
+    EXPECT_EQ(offered.first, c.first);
+    EXPECT_EQ(offered.mask, c.mask);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Atrs, ProtocolWalk,
-    ::testing::Values(WalkCase{{0x3B, 0x60, 0x00, 0x00}, 0, 0, ""},                   // TB1, TC1, no TD1
-                      WalkCase{{0x3B, 0x80, 0x01}, 2, 2, "atr says 2\n"},              // TD1: T=1
-                      WalkCase{{0x3B, 0x80, 0x80, 0x01}, 1, 3, "atr says 1\n"},        // T=0, then T=1
-                      WalkCase{{0x3B, 0x81, 0x31, 0xFE, 0x45, 0x80}, 2, 2, "atr says 2\n"},
-                      WalkCase{{0x3B, 0x80}, 0, 0, ""},                                // TD1 announced, missing
-                      WalkCase{{0x3B, 0x80, 0x80}, 1, 1, "atr says 1\n"}),             // TD2 announced, missing
+    ::testing::Values(WalkCase{{0x3B, 0x60, 0x00, 0x00}, 0, 0},                   // TB1, TC1, no TD1
+                      WalkCase{{0x3B, 0x80, 0x01}, 2, 2},                         // TD1: T=1
+                      WalkCase{{0x3B, 0x80, 0x80, 0x01}, 1, 3},                   // T=0, then T=1
+                      WalkCase{{0x3B, 0x81, 0x31, 0xFE, 0x45, 0x80}, 2, 2},
+                      WalkCase{{0x3B, 0x80}, 0, 0},                               // TD1 announced, missing
+                      WalkCase{{0x3B, 0x80, 0x80}, 1, 1}),                        // TD2 announced, missing
     [](const ::testing::TestParamInfo<WalkCase>& info) {
         std::string name = "Atr";
         for (uint8_t b : info.param.atr) name += hexDump(&b, 1).substr(0, 2);

@@ -130,7 +130,7 @@ TEST_F(FaultMatrix, NoAcknowledgeTimesOutAndTheExchangeGivesTheRackLockBack)
     // wire was read, it was so the whole time, and nothing may have gone to
     // the other slot meanwhile.
     const size_t sentToNeighbour = commandsTo(wireLog(faultyDevice_), 2).size();
-    if (rack_->lockHolder.load() == faulty_) {
+    if (rack_->lockHolder() == faulty_) {
         EXPECT_EQ(sentToNeighbour, 0u) << "sent while the rack was locked";
     }
 
@@ -334,7 +334,7 @@ TEST_F(FaultMatrix, WriteFailureRunsOutTheWriteWaitAndHoldsOnlyItsOwnRack)
 
     // The reader whose write failed keeps F1's lock for the whole write
     // wait (about 15 s here); F2 has its own and goes on.
-    EXPECT_EQ(rack_->lockHolder.load(), faulty_);
+    EXPECT_EQ(rack_->lockHolder(), faulty_);
     expectServed(otherRackHandle_, "the second rack, during the write wait");
     // The device takes writes again, but nothing sends the lost frame a
     // second time: the wait runs out all the same.
@@ -375,7 +375,7 @@ protected:
         ASSERT_EQ(g_racks.size(), 2u);
         silent_ = g_racks[0];
         good_ = g_racks[1];
-        ASSERT_TRUE(waitUntil([&] { return good_->enumerated.load() == 1; }));
+        ASSERT_TRUE(waitUntil([&] { return good_->enumerated(); }));
     }
 
     std::string listing()
@@ -431,8 +431,8 @@ TEST_F(MasterFaults, MasterSilentAtEnumerationLeavesARackWithoutReaders)
     if (HasFatalFailure()) return;
 
     expectContextCalls();
-    EXPECT_EQ(silent_->readers.size(), 0u);
-    EXPECT_EQ(silent_->enumerated.load(), 0u);
+    EXPECT_EQ(silent_->readers().size(), 0u);
+    EXPECT_FALSE(silent_->enumerated());
     EXPECT_EQ(wireLog(silentDevice_), (std::vector<Bytes>{kResetFrame, kEnumerateFrame}));
 
     // Only the good rack's readers exist.
@@ -455,8 +455,8 @@ TEST_F(MasterFaults, MasterSilentAtStatusCollectedLeavesTheRackUnconfirmedButUsa
     ASSERT_TRUE(waitUntil([&] { return wireLog(silentDevice_).size() == 5; }));  // reset, C1, 2 requests, C2
 
     expectContextCalls();
-    EXPECT_EQ(silent_->enumerated.load(), 0u);
-    EXPECT_EQ(silent_->readers.size(), 2u);
+    EXPECT_FALSE(silent_->enumerated());
+    EXPECT_EQ(silent_->readers().size(), 2u);
     EXPECT_EQ(wireLog(silentDevice_).back(), kCollectedFrame);
     EXPECT_EQ(listing(), std::string("Tessel M1 R1\0Tessel M1 R2\0Tessel G1 R1\0Tessel G1 R2\0\0", 53));
 
@@ -467,10 +467,10 @@ TEST_F(MasterFaults, MasterSilentAtStatusCollectedLeavesTheRackUnconfirmedButUsa
     // the status thread, which takes each answer for a status and clears
     // its arrival: whether the call sees the answer first is up to timing.)
     connect("Tessel M1 R1");
-    ASSERT_TRUE(waitUntil([&] { return silent_->statusCount.load() >= 3; }));
+    ASSERT_TRUE(waitUntil([&] { return silent_->statusCount() >= 3; }));
     std::vector<Bytes> wire = wireLog(silentDevice_);
     EXPECT_EQ(std::count(wire.begin(), wire.end(), kCollectedFrame), 1);
-    EXPECT_EQ(silent_->enumerated.load(), 0u);
+    EXPECT_FALSE(silent_->enumerated());
     EXPECT_EQ(SCardIsValidContext(0), 6);
 
     expectGoodRackServed();

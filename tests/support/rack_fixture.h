@@ -94,7 +94,7 @@ protected:
         rack_ = g_racks[0];
         clearLog();
     }
-    Reader* reader(int address) const { return rack_->readers[static_cast<size_t>(address) - 1]; }
+    Reader* reader(int address) const { return rack_->readers()[static_cast<size_t>(address) - 1]; }
     // How often `text` stands in the log's entry texts.
     size_t occurrences(const std::string& text) const;
 

@@ -2,6 +2,8 @@
 // incoming mailbox and keeps the reader's card state and ATR. While the
 // rack is not yet enumerated it also counts one status per reader and sends
 // the status-collected frame when all have answered.
+#include "reader/status_worker.h"
+
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
@@ -22,22 +24,23 @@ enum : uint8_t {
 
 }  // namespace
 
-void Rack::statusLoop()
+void runStatusWorker(Rack& rack)
 {
-    while (!stopping()) {
+    while (!rack.stopping()) {
         platform::pauseMs(kPollMs);
+        const GrowingList<Reader*>& readers = rack.readers();
         for (size_t i = 0, n = readers.size(); i < n; ++i) {
             Reader* reader = readers[i];
-            if (reader->mailboxFull(false, false)) processReaderStatus(reader);
+            if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
         }
     }
 }
 
-void Rack::processReaderStatus(Reader* reader)
+void takeReaderStatus(Rack& rack, Reader& reader)
 {
     uint8_t frame[Mailbox::capacity] = {};
     uint32_t sentWhenStored = 0;
-    reader->readMailbox(false, frame, &sentWhenStored);
+    reader.readMailbox(false, frame, &sentWhenStored);
     uint8_t status = frameStatus(frame);
     bool extended = frame[3] == RackFrame::extendedMarker;
 
@@ -47,38 +50,37 @@ void Rack::processReaderStatus(Reader* reader)
     // a newer frame since this one arrived, this one answers an older
     // message, and freeing the lock now would put a second frame on the bus
     // while the newer one is unanswered.
-    unlockIfHeldFor(reader, sentWhenStored);
+    rack.unlockIfHeldFor(&reader, sentWhenStored);
 
-    if (enumerated.load(std::memory_order_acquire) == 0) {
-        uint32_t count = statusCount.load(std::memory_order_relaxed) + 1;
-        statusCount.store(count, std::memory_order_release);
+    if (!rack.enumerated()) {
+        uint32_t count = rack.countStatus();
         if (status == kStatusNoCard) {
-            logWrite(reader->name + " Reader without card found.\n");
+            logWrite(reader.name + " Reader without card found.\n");
         } else {
-            logWrite(reader->name + ": Reader with card found.\n");
-            reader->cardInserted(Atr(frame + 4, frame[2]));
+            logWrite(reader.name + ": Reader with card found.\n");
+            reader.cardInserted(Atr(frame + 4, frame[2]));
         }
-        if (count == readers.size()) {
-            logWrite("SCR " + serial + ": Status collection complete, sending C2\n");
-            finishEnumeration();
+        if (count == rack.readers().size()) {
+            logWrite("SCR " + rack.serialNumber() + ": Status collection complete, sending C2\n");
+            rack.finishEnumeration();
         }
         return;
     }
 
     if (extended || status == kStatusCardData) {
-        if (reader->atrLength() == 0) {
-            logWrite(reader->name + ": New card found\n");
-            reader->cardInserted(Atr(frame + 4, frame[2]));
+        if (reader.atrLength() == 0) {
+            logWrite(reader.name + ": New card found\n");
+            reader.cardInserted(Atr(frame + 4, frame[2]));
         }
         return;
     }
     switch (status) {
     case kStatusNoCard:
-        logWrite(reader->name + ": Card removed\n");
-        reader->cardRemoved(false);
+        logWrite(reader.name + ": Card removed\n");
+        reader.cardRemoved(false);
         break;
     case kStatusMute:
-        reader->cardRemoved(true);
+        reader.cardRemoved(true);
         break;
     case kStatusNoEvent2:
     case kStatusNoEvent4:
@@ -87,11 +89,4 @@ void Rack::processReaderStatus(Reader* reader)
         logWrite("bStatus invalid. " + decimalText(static_cast<int32_t>(status)) + "\n");
         break;
     }
-}
-
-uint32_t Rack::readerAtr(uint32_t cardHandle, uint8_t* destination)
-{
-    Reader* reader = readerByHandle(cardHandle);
-    if (reader == nullptr) return 0;
-    return reader->atr(destination);
 }

@@ -1,0 +1,57 @@
+// SCardTransmit: sends one command to the card in a slot and returns its
+// answer. The exchange itself is the reader's; this is the API's face of it.
+#include <cstdint>
+
+#include "diag/text.h"
+#include "diag/trace_log.h"
+#include "pcsc/lookups.h"
+#include "pcsc/winscard_api.h"
+#include "reader/exchange.h"
+
+namespace {
+
+constexpr DWORD kLongestCommand = 255;
+
+}  // namespace
+
+extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_IO_REQUEST pioSendPci,
+                                                   LPCBYTE pbSendBuffer, DWORD cbSendLength,
+                                                   LPSCARD_IO_REQUEST pioRecvPci, LPBYTE pbRecvBuffer,
+                                                   LPDWORD pcbRecvLength)
+{
+    logWrite("SCardTransmit\n");
+    // The send PCI is only tested for presence; the receive PCI is not
+    // looked at at all.
+    if (pbSendBuffer == nullptr || pbRecvBuffer == nullptr || pcbRecvLength == nullptr || pioSendPci == nullptr) {
+        logWrite("invalid param\n");
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    if (cbSendLength > kLongestCommand) {
+        logWrite("invalid length, cbSend: " + decimalText(static_cast<uint32_t>(cbSendLength)) + ", pcbRecv: " +
+                 decimalText(static_cast<uint32_t>(*pcbRecvLength)) + "\n");
+        return SCARD_E_INSUFFICIENT_BUFFER;
+    }
+    const RackReader found = findReaderByCardHandle(hCard);
+    if (found.reader == nullptr) return SCARD_E_INVALID_HANDLE;
+
+    // The size of the host's buffer; the answer never goes past it.
+    const ExchangeResult result = exchange(*found.rack, *found.reader, pbSendBuffer,
+                                           static_cast<uint32_t>(cbSendLength), pbRecvBuffer,
+                                           static_cast<uint32_t>(*pcbRecvLength));
+    switch (result.outcome) {
+    case ExchangeOutcome::notSent:
+        return SCARD_E_TIMEOUT;
+    case ExchangeOutcome::noAnswer:
+        *pcbRecvLength = result.answerLength;
+        return SCARD_E_TIMEOUT;
+    case ExchangeOutcome::answerTooLong:
+        // As the status query does: the full length, and the host is told
+        // its buffer is too small.
+        *pcbRecvLength = result.answerLength;
+        return SCARD_E_INSUFFICIENT_BUFFER;
+    case ExchangeOutcome::answered:
+        break;
+    }
+    *pcbRecvLength = result.answerLength;
+    return SCARD_S_SUCCESS;
+}

@@ -1,0 +1,31 @@
+// One command exchange with the card in a slot: the command goes out
+// through the reader's outgoing mailbox and the rack's send queue, and the
+// answer is taken from the incoming mailbox.
+#pragma once
+
+#include <cstdint>
+
+class Rack;
+class Reader;
+
+enum class ExchangeOutcome {
+    answered,
+    // The answer is longer than the caller's buffer: what fits was copied.
+    answerTooLong,
+    // The frame never left; nothing was copied and no length is reported.
+    notSent,
+    // No answer within the wait, or an answer without data.
+    noAnswer,
+};
+
+struct ExchangeResult {
+    ExchangeOutcome outcome = ExchangeOutcome::noAnswer;
+    // The answer's full length, also when more than the buffer holds.
+    uint32_t answerLength = 0;
+};
+
+// Sends `command` (at most 255 bytes) and copies at most `capacity` bytes
+// of the answer to `answer`. Holds the reader's turn for the whole
+// exchange.
+ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint32_t length, uint8_t* answer,
+                        uint32_t capacity);
