@@ -21,6 +21,7 @@
 
 #include "fuzz_support.h"
 #include "link/rack.h"
+#include "reader/status_worker.h"
 #include "platform/d2xx.h"
 
 namespace {
@@ -33,9 +34,9 @@ constexpr int kMostRounds = 4096;
 // The status thread's pass.
 void statusPass(Rack& rack)
 {
-    for (size_t i = 0, n = rack.readers.size(); i < n; ++i) {
-        Reader* reader = rack.readers[i];
-        if (reader->mailboxFull(false, false)) rack.processReaderStatus(reader);
+    for (size_t i = 0, n = rack.readers().size(); i < n; ++i) {
+        Reader* reader = rack.readers()[i];
+        if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
     }
 }
 
@@ -117,17 +118,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         drain(rack);
 
         // The rack lock is free or held by one of this rack's readers.
-        Reader* holder = rack.lockHolder.load();
+        Reader* holder = rack.lockHolder();
         if (holder != nullptr) {
             bool known = false;
-            for (size_t i = 0, n = rack.readers.size(); i < n; ++i) known = known || rack.readers[i] == holder;
+            for (size_t i = 0, n = rack.readers().size(); i < n; ++i) known = known || rack.readers()[i] == holder;
             if (!known) __builtin_trap();
         }
         // Card states are only ever the three of the model.
-        for (size_t i = 0, n = rack.readers.size(); i < n; ++i) {
-            uint32_t state = rack.readers[i]->cardState();
+        for (size_t i = 0, n = rack.readers().size(); i < n; ++i) {
+            uint32_t state = rack.readers()[i]->cardState();
             if (state != kStateNoCard && state != kStateCard && state != kStateMuteCard) __builtin_trap();
-            if (rack.readers[i]->atrLength() > Atr::capacity) __builtin_trap();
+            if (rack.readers()[i]->atrLength() > Atr::capacity) __builtin_trap();
         }
         if (rack.rxMsgLastIndexOf > Rack::rxCapacity) __builtin_trap();
     }

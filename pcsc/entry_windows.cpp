@@ -8,9 +8,9 @@
 // and the resolution is given back. The result is TRUE in every case: a
 // failed search shows to the host through the API, never as a failed load.
 //
-// Unloading. The rack threads have no stop path, and at detach the library
-// holds the loader lock, so it can neither wait for them nor let them run
-// on in code that is about to be unmapped. The module therefore pins itself
+// Unloading. The rack threads do have a stop path (Rack::stopWorkers), but
+// at detach the library holds the loader lock, so it cannot wait for them
+// to end, nor let them run on in code that is about to be unmapped. The module therefore pins itself
 // at attach: a FreeLibrary by the host then leaves it mapped, its threads
 // keep running on valid code, and the detach notification comes only once,
 // when the process ends (after Windows has already stopped every other

@@ -15,7 +15,8 @@ extern GrowingList<Rack*> g_racks;
 // The vendor name served by SCardGetAttrib.
 extern const std::string g_vendorName;
 
-// The body of the discovery thread: seeds rand, searches once, returns 0.
+// The body of the discovery thread: seeds rand (on Windows only its own
+// thread's generator), searches once, returns 0.
 unsigned long discoveryThread(void* ignored);
 void discoverRacks();
 bool allRacksEnumerated();

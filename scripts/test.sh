@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test run: installs what is missing, builds natively and runs
-# the suite, cross-builds the product for 32-bit Windows, runs the suite
+# the suite, builds the product with clang's thread-safety analysis,
+# cross-builds it for 32-bit Windows, runs the suite
 # again under AddressSanitizer+UBSan and under ThreadSanitizer, and runs
 # the Windows stage under Wine. Each stage prints its own summary.
 set -euo pipefail
@@ -16,6 +17,12 @@ stage "native build and tests"
 cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/native -j "$jobs"
 ctest --test-dir build/native -j "$jobs" --output-on-failure
+
+stage "lock discipline (clang thread-safety analysis, build only)"
+cmake -S . -B build/thread-safety -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DCMAKE_CXX_FLAGS="-Wthread-safety -Werror=thread-safety" >/dev/null
+cmake --build build/thread-safety -j "$jobs"
 
 stage "32-bit Windows cross-build"
 cmake -S . -B build/win32 -G Ninja -DCMAKE_BUILD_TYPE=Release \
