@@ -9,7 +9,6 @@
 
 #include "diag/text.h"
 #include "diag/trace_log.h"
-#include "link/rack.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"

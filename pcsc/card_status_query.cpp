@@ -9,7 +9,6 @@
 #include <string>
 
 #include "diag/trace_log.h"
-#include "link/rack.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "reader/atr.h"

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "diag/trace_log.h"
-#include "link/rack.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"
