@@ -34,7 +34,7 @@ public:
     // Device link and the frames to the master.
     FT_STATUS open(const char* serialNumber);
     FT_STATUS close();
-    void reset();
+    void reset() EXCLUDES(sendQueueGuard_);
     void startEnumeration();
     void finishEnumeration();
 
