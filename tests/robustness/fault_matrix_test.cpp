@@ -131,8 +131,8 @@ TEST_F(FaultMatrix, NoAcknowledgeTimesOutAndTheExchangeGivesTheRackLockBack)
     EXPECT_EQ(silent.length, 0u);
     EXPECT_TRUE(silent.bufferUntouched());
     const std::string text = logText();
-    EXPECT_TRUE(containsInOrder(text, {"Tessel F1 R1 Transmit - " + hexText(command) + "\n", "Finished write\n",
-                                       "Has sent\n", "Checkingmatch", "Tessel F1 R1 Timeout - "}))
+    EXPECT_TRUE(containsInOrder(text, {"Tessel F1 R1 Transmit - " + hexText(command) + "\n", "Checkingmatch",
+                                       "Tessel F1 R1 Timeout - "}))
         << text;
     EXPECT_TRUE(std::regex_search(text, std::regex("Tessel F1 R1 Timeout - [0-9]+uSec\n"))) << text;
     EXPECT_FALSE(contains(text, received(slotFrame(1, 0x06, {})))) << "no acknowledge came";
@@ -395,7 +395,6 @@ TEST_F(MasterFaults, SilentMastersLeaveTheirRacksUnfinishedAndNoContextValid)
     clearLog();
     SCARDCONTEXT context = 0xFFFFFFFF;
     EXPECT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context), SCARD_S_SUCCESS);
-    EXPECT_GE(static_cast<int32_t>(context), 0);
     EXPECT_EQ(logText(), "Hit Establish Context\nSCardEstablishContext " + std::to_string(context) +
                              "\nTime: 16Success\n");
     clearLog();
