@@ -120,27 +120,22 @@ TEST_F(TransmitTest, LongestCommandExtendedAnswersAndAnAnswerLongerThanTheBuffer
     ASSERT_EQ(commandsTo(wireLog(device_), 1).size(), 1u);
     EXPECT_EQ(commandsTo(wireLog(device_), 1)[0].size(), 260u);
 
-    for (size_t size : {size_t(256), size_t(1000)}) {
-        std::vector<uint8_t> data(size);
-        for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(i * 7 + 3);
-        rackSimSetFixedAnswer(device_, 1, data.data(), static_cast<int>(size));
-        Guarded<BYTE> big(size);
-        EXPECT_EQ(transmit(handle_, kSelect, big, length), SCARD_S_SUCCESS) << size;
-        EXPECT_EQ(length, size);
-        EXPECT_EQ(big.contents(size), data);
-        EXPECT_TRUE(big.guardIntact());
+    // Extended answers; one longer than the buffer is cut and reported whole.
+    const struct {
+        size_t size, room;
+        LONG result;
+    } answers[] = {{256, 256, SCARD_S_SUCCESS}, {1000, 1000, SCARD_S_SUCCESS}, {300, 100, SCARD_E_INSUFFICIENT_BUFFER}};
+    for (const auto& a : answers) {
+        SCOPED_TRACE(a.size);
+        std::vector<uint8_t> data(a.size);
+        for (size_t i = 0; i < a.size; ++i) data[i] = static_cast<uint8_t>(i * 7 + 3);
+        rackSimSetFixedAnswer(device_, 1, data.data(), static_cast<int>(a.size));
+        Guarded<BYTE> buffer(a.room);
+        EXPECT_EQ(transmit(handle_, kSelect, buffer, length), a.result);
+        EXPECT_EQ(length, a.size);
+        EXPECT_EQ(buffer.contents(a.room), std::vector<uint8_t>(data.begin(), data.begin() + a.room));
+        EXPECT_TRUE(buffer.guardIntact());
     }
-
-    // An answer longer than the buffer is cut and reported whole.
-    std::vector<uint8_t> data(300);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i);
-    rackSimSetFixedAnswer(device_, 1, data.data(), 300);
-
-    Guarded<BYTE> small(100);
-    EXPECT_EQ(transmit(handle_, kSelect, small, length), SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_EQ(length, 300u);
-    EXPECT_EQ(small.contents(100), std::vector<uint8_t>(data.begin(), data.begin() + 100));
-    EXPECT_TRUE(small.guardIntact());
 
     // The exchange is over: the next command gets its own answer.
     rackSimSetEcho(device_, 1);
