@@ -18,7 +18,8 @@ TEST(ParseHex, AcceptsWholeBytesAndNamesWhatItRefuses)
         const char* refusal;
     } cases[] = {
         {"00A404000F", kMaxApduBytes, select, nullptr},
-        {"00a404000f", kMaxApduBytes, select, nullptr},
+        {"0123456789abcdefABCDEF", kMaxApduBytes, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xAB, 0xCD, 0xEF},
+         nullptr},
         {"00:a4:04:00:0f", kMaxApduBytes, select, nullptr},
         {" 00-A4\t04 00 0F ", kMaxApduBytes, select, nullptr},
         {"fF", kMaxApduBytes, {0xFF}, nullptr},
@@ -50,7 +51,7 @@ TEST(ParseHex, AcceptsWholeBytesAndNamesWhatItRefuses)
 TEST(ToHex, GivesUpperCasePairsSeparatedByOneBlank)
 {
     EXPECT_EQ(toHex({0x90, 0x00}), "90 00");
-    EXPECT_EQ(toHex({0x0a, 0xbc, 0xff}), "0A BC FF");
+    EXPECT_EQ(toHex({0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}), "01 23 45 67 89 AB CD EF");
     EXPECT_EQ(toHex(std::vector<uint8_t>{}), "");
 }
 
