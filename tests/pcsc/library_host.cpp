@@ -3,7 +3,6 @@
 // by unloading the library, or by returning from main with it loaded. The
 // library must stop its rack threads before its own objects go, so either
 // way ends with exit status 0 and no stray files.
-#include <dirent.h>
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,54 +13,6 @@
 #include <cstdint>
 
 #include "sim/rack_sim.h"
-
-namespace {
-
-int runHost(const char* library, const char* way);
-
-int entriesIn(const char* folder)
-{
-    int count = 0;
-    if (DIR* dir = opendir(folder)) {
-        while (dirent* entry = readdir(dir))
-            if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) ++count;
-        closedir(dir);
-    }
-    return count;
-}
-
-}  // namespace
-
-// The host runs in a child process inside an empty folder; the parent
-// checks how the child ended and that it left nothing behind.
-int main(int argc, char** argv)
-{
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: library_host <libwinscard.so> unload|exit\n");
-        return 2;
-    }
-    char folder[] = "/tmp/tessel-host-XXXXXX";
-    if (mkdtemp(folder) == nullptr) return 1;
-    pid_t child = fork();
-    if (child == 0) {
-        if (chdir(folder) != 0) _exit(1);
-        std::exit(runHost(argv[1], argv[2]));
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    int leftovers = entriesIn(folder);
-    rmdir(folder);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        std::fprintf(stderr, "host ended badly: status 0x%x\n", status);
-        return 1;
-    }
-    if (leftovers != 0) {
-        std::fprintf(stderr, "host left %d files in its folder\n", leftovers);
-        return 1;
-    }
-    std::printf("host left cleanly by %s\n", argv[2]);
-    return 0;
-}
 
 namespace {
 
@@ -90,3 +41,34 @@ int runHost(const char* libraryPath, const char* way)
 }
 
 }  // namespace
+
+// The host runs in a child process inside an empty folder; the parent
+// checks how the child ended and that it left nothing behind.
+int main(int argc, char** argv)
+{
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: library_host <libwinscard.so> unload|exit\n");
+        return 2;
+    }
+    char folder[] = "/tmp/tessel-host-XXXXXX";
+    if (mkdtemp(folder) == nullptr) return 1;
+    pid_t child = fork();
+    if (child == 0) {
+        if (chdir(folder) != 0) _exit(1);
+        std::exit(runHost(argv[1], argv[2]));
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    // Only an empty folder can be removed.
+    const bool leftNothing = rmdir(folder) == 0;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        std::fprintf(stderr, "host ended badly: status 0x%x\n", status);
+        return 1;
+    }
+    if (!leftNothing) {
+        std::fprintf(stderr, "host left files in %s\n", folder);
+        return 1;
+    }
+    std::printf("host left cleanly by %s\n", argv[2]);
+    return 0;
+}

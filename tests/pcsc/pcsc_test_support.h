@@ -94,6 +94,15 @@ inline std::vector<std::vector<uint8_t>> framesTo(const std::vector<std::vector<
     return frames;
 }
 
+// The card commands (command byte 0x40) among them.
+inline std::vector<std::vector<uint8_t>> commandsTo(const std::vector<std::vector<uint8_t>>& wire, int address)
+{
+    std::vector<std::vector<uint8_t>> frames;
+    for (const auto& frame : framesTo(wire, address))
+        if (frame[3] == 0x40) frames.push_back(frame);
+    return frames;
+}
+
 inline SCARDHANDLE connectTo(const std::string& name, DWORD preferred = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1)
 {
     SCARDHANDLE handle = 0;

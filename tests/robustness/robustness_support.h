@@ -8,6 +8,7 @@
 namespace robustness {
 
 using Bytes = std::vector<uint8_t>;
+using pcsc_test::commandsTo;
 using pcsc_test::containsInOrder;
 using pcsc_test::countOf;
 using pcsc_test::readerName;

@@ -80,9 +80,6 @@ TEST_F(SimRack, EverySlotRequestIsAcknowledgedThenAnsweredByTheSlotState)
                       concat({hostFrame(a, 0x06), reply}));
         }
     EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), 1);
-    // The frames of the table, byte for byte.
-    EXPECT_EQ(hostFrame(3, 0x06), (Bytes{0x55, 0x03, 0x00, 0x06, 0xA2}));
-    EXPECT_EQ(states[2], (Bytes{0x55, 0x03, 0x02, 0x05, 0x3B, 0x00, 0x66}));
 }
 
 TEST_F(SimRack, OnlySlotsWhoseMapByteNamesAReaderAnswerUnlessMadeTo)
@@ -174,10 +171,6 @@ TEST_F(SimRack, EchoFixedAndTableRespondersAndTheSetAnswerStatus)
         EXPECT_EQ(command(1, steps[i].command), concat({{0x55, 0x01, 0x00, 0x06, 0xA4}, steps[i].answer})) << i;
     }
     EXPECT_EQ(rackSimCounter(rack, RACKSIM_COMMANDS_ANSWERED), static_cast<int>(std::size(steps)));
-    // The hand-made frames of the first two steps, byte for byte.
-    EXPECT_EQ(hostFrame(1, 0x40, {0x00, 0x84, 0x00, 0x00, 0x08}),
-              (Bytes{0x55, 0x01, 0x05, 0x40, 0x00, 0x84, 0x00, 0x00, 0x08, 0xD9}));
-    EXPECT_EQ(hostFrame(1, 0x40), (Bytes{0x55, 0x01, 0x00, 0x40, 0x6A}));
 }
 
 TEST_F(SimRack, CardDelayHoldsTheAnswerButNotTheAcknowledge)

@@ -45,15 +45,9 @@ bool mentions(const Outcome& run, const std::string& part) { return run.output.f
 // The library is loaded only after the whole command line was accepted.
 bool loadedTheLibrary(const Outcome& run) { return mentions(run, "Loading "); }
 
-TEST(RackscanArguments, HelpListsTheCommandsAndExitsZero)
-{
-    Outcome run = rackscan({"--help"});
-    EXPECT_EQ(run.status, 0) << run.output;
-    for (const char* part : {"usage: rackscan", "list", "watch", "send <reader> <apdu>", "log", "demo", "--racks"})
-        EXPECT_TRUE(mentions(run, part)) << part << "\n" << run.output;
-    EXPECT_FALSE(loadedTheLibrary(run));
-}
-
+// The wording of each refusal is the command line's own test; here, what
+// every refusal shares as a run: status 2, the program's name, the pointer
+// to --help, and no library loaded. Help itself exits 0.
 TEST(RackscanArguments, BadCommandLinesExitTwoBeforeLoadingTheLibrary)
 {
     const struct {
@@ -61,13 +55,7 @@ TEST(RackscanArguments, BadCommandLinesExitTwoBeforeLoadingTheLibrary)
         const char* message;
     } cases[] = {
         {{}, "no command given"},
-        {{"scan"}, "unknown command \"scan\""},
-        {{"list", "--bogus"}, "unknown option --bogus"},
-        {{"send", "Tessel TR0001 R1"}, "at least one APDU"},
-        {{"send", "Tessel TR0001 R1", "00A"}, "bad APDU: \"00A\" has an odd number of hex digits"},
         {{"send", "Tessel TR0001 R1", "00 A4 0G"}, "'G' at position 8"},
-        {{"send", "Tessel TR0001 R1", std::string(600, 'A')}, "longer than 255 bytes"},
-        {{"watch", "--seconds", "soon"}, "--seconds needs a whole number"},
         {{"list", "--lines", "4"}, "--lines does not apply to the list command"},
     };
     for (const auto& c : cases) {
@@ -78,6 +66,10 @@ TEST(RackscanArguments, BadCommandLinesExitTwoBeforeLoadingTheLibrary)
         EXPECT_TRUE(mentions(run, "rackscan --help")) << run.output;
         EXPECT_FALSE(loadedTheLibrary(run)) << run.output;
     }
+    Outcome help = rackscan({"--help"});
+    EXPECT_EQ(help.status, 0) << help.output;
+    EXPECT_TRUE(mentions(help, "usage: rackscan")) << help.output;
+    EXPECT_FALSE(loadedTheLibrary(help));
 }
 
 class RackscanLog : public ::testing::Test {
@@ -155,7 +147,6 @@ TEST(RackscanOnTheEmulatedRack, DemoShowsReadersACardEventAndAnExchange)
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_TRUE(mentions(run, "Tessel TR0001 R1  card     3B 8A 80 01")) << run.output;
     EXPECT_TRUE(mentions(run, "Tessel TR0001 R3: card inserted, ATR 3B 8A 80 01")) << run.output;
-    EXPECT_TRUE(mentions(run, "Connected to Tessel TR0001 R3")) << run.output;
     EXPECT_TRUE(mentions(run, "< 90 00\n  SW 9000, 2 bytes in ")) << run.output;
 }
 

@@ -97,7 +97,6 @@ TEST(CommandLine, RefusalsNameTheirReason)
         // Send without its arguments or with bad hex.
         {{"send"}, "needs a reader name"},
         {{"send", "Tessel TR0001 R1"}, "at least one APDU"},
-        {{"send", "Tessel TR0001 R1", "00A4040"}, "odd number of hex digits"},
         {{"send", "Tessel TR0001 R1", "0084", "00ZZ"}, "'Z' at position 3"},
         {{"send", "Tessel TR0001 R1", std::string(512, '0')}, "longer than 255 bytes"},
         // An emulator setup that does not fit the rack.
