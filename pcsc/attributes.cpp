@@ -1,6 +1,7 @@
 // Attributes and the small calls: SCardGetAttrib serves the vendor name and
 // the ATR; the transaction calls and SCardCancel exist so that hosts keep
-// working and change nothing; SCardControl does nothing at all. Also the
+// working and change nothing; SCardCancel ends the status-change waits of
+// its context; SCardControl does nothing at all. Also the
 // three exported protocol control records.
 #include <algorithm>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include "diag/trace_log.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
+#include "pcsc/wait_cancel.h"
 #include "pcsc/winscard_api.h"
 #include "reader/atr.h"
 #include "reader/reader.h"
@@ -160,11 +162,13 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardEndTransaction(SCARDHANDLE hCard, DWOR
     return SCARD_S_SUCCESS;
 }
 
-// Cancels nothing: a waiting status change ends only on a change or its
-// time-out.
+// Ends every status-change wait in progress that was called with this
+// context; each returns SCARD_E_CANCELLED. With nothing waiting it changes
+// nothing, and it succeeds either way.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardCancel(SCARDCONTEXT hContext)
 {
     logWrite("SCardCancel\n");
+    cancelWaitsOf(hContext);
     return SCARD_S_SUCCESS;
 }
 

@@ -1,11 +1,15 @@
-// Contexts. A context here is a number with nothing behind it: there is no
-// resource manager to open a conversation with. What the calls really do is
+// Contexts. A context here is a number with little behind it: there is no
+// resource manager to open a conversation with. The library only keeps the
+// values in use, so that no two live contexts are equal and a cancel aimed
+// at one context reaches no other. What the calls really do is
 // make a host wait for the racks (SCardEstablishContext), report whether
 // every rack has finished its bring-up (SCardIsValidContext), and reset all
 // racks at once (SCardReset, which the published API does not have).
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
 #include <string>
+#include <unordered_set>
 
 #include "diag/text.h"
 #include "diag/trace_log.h"
@@ -13,6 +17,7 @@
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"
+#include "platform/sync.h"
 
 namespace {
 
@@ -24,6 +29,41 @@ constexpr int32_t kEnumerationWaitSeconds = 15;
 constexpr uint32_t kEstablishPauseMs = 1000;
 constexpr uint32_t kEnumerationPollMs = 5;
 constexpr LONG kInvalidContextResult = 6;  // ERROR_INVALID_HANDLE
+
+// The contexts handed out and not yet released. A cancel is aimed at one
+// context, so two live contexts must never share a value, even where the
+// run-time keeps rand's state per thread and every thread draws the same
+// first number. Made on first use and never destroyed.
+struct LiveContexts {
+    platform::ExclusiveLock lock;
+    std::unordered_set<SCARDCONTEXT> values;
+};
+
+LiveContexts& liveContexts()
+{
+    static LiveContexts* live = new LiveContexts;
+    return *live;
+}
+
+// Draws as before, and draws again while the value belongs to a live
+// context; the first context of a process is the first draw, as it always
+// was. The generator was seeded once by the discovery thread.
+SCARDCONTEXT drawUnusedContext()
+{
+    LiveContexts& live = liveContexts();
+    std::lock_guard<platform::ExclusiveLock> guard(live.lock);
+    for (;;) {
+        const SCARDCONTEXT value = static_cast<SCARDCONTEXT>(std::rand() % 0x7FFFFFFF);
+        if (live.values.insert(value).second) return value;
+    }
+}
+
+void forgetContext(SCARDCONTEXT value)
+{
+    LiveContexts& live = liveContexts();
+    std::lock_guard<platform::ExclusiveLock> guard(live.lock);
+    live.values.erase(value);
+}
 
 // Polls until every rack is enumerated or the limit of whole seconds has
 // passed. A rack that never finishes is not an error: the host gets its
@@ -57,12 +97,8 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardEstablishContext(DWORD dwScope, LPCVOI
         logWrite("Invalid value.\n");
         return SCARD_E_INVALID_VALUE;
     }
-    // Nothing is kept about a context, so it may repeat and may be 0. The
-    // discovery thread seeds the generator, but that seed reaches this call
-    // only where the C library keeps one generator for the process; the
-    // Windows C library keeps one a thread, so there a host thread draws
-    // from its own, unseeded generator. Nothing relies on the values.
-    *phContext = static_cast<SCARDCONTEXT>(std::rand() % 0x7FFFFFFF);
+    // A context may be 0; it never equals another live one.
+    *phContext = drawUnusedContext();
     logWrite("SCardEstablishContext " + decimalText(static_cast<int32_t>(*phContext)) + "\n");
     waitForRacks();
     logWrite("Success\n");
@@ -72,6 +108,8 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardEstablishContext(DWORD dwScope, LPCVOI
 extern "C" TESSEL_EXPORT LONG WINAPI SCardReleaseContext(SCARDCONTEXT hContext)
 {
     logWrite("Release Context " + decimalText(static_cast<int32_t>(hContext)) + "\n");
+    // Any value is accepted; releasing one frees it to be drawn again.
+    forgetContext(hContext);
     return SCARD_S_SUCCESS;
 }
 

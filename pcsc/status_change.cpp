@@ -2,11 +2,18 @@
 // card to arrive or leave. The call never talks to a rack. Each rack's
 // status thread keeps the card state and the ATR of its readers, and the
 // call reads those, pass after pass, against what the host says it knows.
+//
+// Besides the readers, a record may name the plug-and-play pseudo-reader
+// "\\?PnP?\Notification", through which clients learn that readers came
+// or went. A wait ends early when SCardCancel is called with its context.
 #include <cstring>
 #include <string>
 
 #include "diag/trace_log.h"
+#include "link/rack.h"
 #include "pcsc/lookups.h"
+#include "pcsc/registry.h"
+#include "pcsc/wait_cancel.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"
 #include "reader/atr.h"
@@ -16,6 +23,44 @@ namespace {
 
 // An INFINITE wait is cut to one minute; a larger finite value is kept.
 constexpr uint32_t kInfiniteWaitMs = 60000;
+
+// The pseudo-reader's name, which clients write in any case.
+constexpr char kPnpName[] = "\\\\?PnP?\\Notification";
+
+template <typename Char>
+bool isPnpName(const Char* name)
+{
+    auto lower = [](unsigned c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
+    size_t i = 0;
+    for (; kPnpName[i] != '\0'; ++i)
+        if (name[i] == 0 || lower(static_cast<unsigned>(name[i])) != lower(static_cast<unsigned char>(kPnpName[i])))
+            return false;
+    return name[i] == 0;
+}
+
+// The readers of every rack. They are fixed once the racks are up, so the
+// pseudo-reader reports the same number on every pass.
+DWORD readerCount()
+{
+    DWORD count = 0;
+    for (size_t i = 0, n = g_racks.size(); i < n; ++i) count += static_cast<DWORD>(g_racks[i]->readers().size());
+    return count;
+}
+
+// The pseudo-reader's record: the number of readers in the high 16 bits,
+// and a change only when the host gave a number of its own that differs.
+// A host that knows nothing (0) is not woken by it, since there is no
+// reader event to report. It names no reader, so it never has an ATR.
+template <typename Record>
+bool refreshPnpRecord(Record& record)
+{
+    const DWORD count = readerCount();
+    const DWORD known = record.dwCurrentState >> 16;
+    const bool changed = known != 0 && known != count;
+    record.dwEventState = (count << 16) | (changed ? SCARD_STATE_CHANGED : 0);
+    record.cbAtr = 0;
+    return changed;
+}
 
 // What differs between the narrow and the wide form: the record type, the
 // lookups by name and the traces.
@@ -46,6 +91,7 @@ template <typename Record>
 bool refreshRecord(Record& record)
 {
     using Form = StatusChangeForm<Record>;
+    if (isPnpName(record.szReader)) return refreshPnpRecord(record);
     // Readers are never removed, so a name checked at the start of the call
     // still finds its reader; the test only guards against a torn-down
     // library.
@@ -83,9 +129,12 @@ bool refreshRecord(Record& record)
 }
 
 template <typename Record>
-LONG getStatusChange(DWORD dwTimeout, Record* records, DWORD count)
+LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWORD count)
 {
     using Form = StatusChangeForm<Record>;
+    // Registered before the entry trace, so that a cancel made once the
+    // trace is in the log always reaches this call.
+    CancellableWait wait(context);
     logWrite(Form::entry);
     if (records == nullptr && count > 0) return SCARD_E_INVALID_PARAMETER;
     if (count == 0) return SCARD_S_SUCCESS;
@@ -100,7 +149,7 @@ LONG getStatusChange(DWORD dwTimeout, Record* records, DWORD count)
     for (DWORD i = 0; i < count; ++i) {
         if (records[i].szReader == nullptr) return SCARD_E_INVALID_PARAMETER;
         if (Form::tracesNames) Form::traceName(records[i].szReader);
-        if (Form::find(records[i].szReader).reader == nullptr) {
+        if (!isPnpName(records[i].szReader) && Form::find(records[i].szReader).reader == nullptr) {
             if (Form::tracesNames) logWrite("Reader doesn't exist");
             return SCARD_E_UNKNOWN_READER;
         }
@@ -113,6 +162,10 @@ LONG getStatusChange(DWORD dwTimeout, Record* records, DWORD count)
     const uint32_t limitMs = dwTimeout == INFINITE ? kInfiniteWaitMs : dwTimeout;
     const uint32_t start = platform::tickCount();
     for (;;) {
+        if (wait.cancelled()) {
+            logWrite("Wait cancelled\n");
+            return SCARD_E_CANCELLED;
+        }
         // A pass always runs to the last record, so that every record is
         // fresh when the call returns.
         bool changed = false;
@@ -134,11 +187,11 @@ LONG getStatusChange(DWORD dwTimeout, Record* records, DWORD count)
 extern "C" TESSEL_EXPORT LONG WINAPI SCardGetStatusChangeA(SCARDCONTEXT hContext, DWORD dwTimeout,
                                                            LPSCARD_READERSTATEA rgReaderStates, DWORD cReaders)
 {
-    return getStatusChange(dwTimeout, rgReaderStates, cReaders);
+    return getStatusChange(hContext, dwTimeout, rgReaderStates, cReaders);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardGetStatusChangeW(SCARDCONTEXT hContext, DWORD dwTimeout,
                                                            LPSCARD_READERSTATEW rgReaderStates, DWORD cReaders)
 {
-    return getStatusChange(dwTimeout, rgReaderStates, cReaders);
+    return getStatusChange(hContext, dwTimeout, rgReaderStates, cReaders);
 }

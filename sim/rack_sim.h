@@ -49,6 +49,15 @@ RACKSIM_API void RACKSIM_CALL rackSimSetOpenFails(int device, int fails);
 /* 1 while the host holds the device open. */
 RACKSIM_API int RACKSIM_CALL rackSimIsOpen(int device);
 
+/* Replaces every device with the racks that `text` describes, in the form
+ * of the TESSEL_SIM variable: "racks=2,slots=8,cards=3,mute=1,echo=1" and
+ * "atr=HEX", each optional (racks TR0001, TR0002, ... with slots 1..slots
+ * populated, cards in slots 1..cards, mute cards after them). Returns the
+ * number of racks; for bad text, writes why to standard error, leaves no
+ * devices and returns -1. When the emulator is loaded as the D2XX library
+ * with TESSEL_SIM set, it does this with that text before any other call. */
+RACKSIM_API int RACKSIM_CALL rackSimSetUp(const char* text);
+
 /* ---- Slots and cards -------------------------------------------------- */
 
 /* Sets the raw slot-map byte that the master reports for an address (low

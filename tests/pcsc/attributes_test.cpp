@@ -4,7 +4,6 @@
 #include "pcsc_test_support.h"
 
 #include <cstring>
-#include <thread>
 
 namespace pcsc_test {
 namespace {
@@ -124,18 +123,6 @@ TEST_F(AttributesTest, SmallCallsSucceedForAnythingAndChangeNothing)
     EXPECT_EQ(SCardControl(handleOf(Handle::Card), 0x42, nullptr, 0, nullptr, 0, nullptr), SCARD_S_SUCCESS);
     EXPECT_EQ(returned, 0xCAFEu);
     EXPECT_EQ(logText(), "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\n");
-
-    // SCardCancel does not end a waiting status change.
-    SCARD_READERSTATEA state;
-    std::memset(&state, 0, sizeof state);
-    state.szReader = "Tessel A1 R2";
-    state.dwCurrentState = SCARD_STATE_EMPTY;
-    LONG result = 0;
-    std::thread waiter([&] { result = SCardGetStatusChangeA(0, 2000, &state, 1); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    SCardCancel(0);
-    waiter.join();
-    EXPECT_EQ(result, SCARD_E_TIMEOUT);
 }
 
 TEST(ProtocolControlRecords, HaveTheirPublishedValues)

@@ -3,6 +3,8 @@
 // that never finishes its bring-up is in tests/robustness (MasterFaults).
 #include "pcsc_test_support.h"
 
+#include <cstdlib>
+
 namespace pcsc_test {
 namespace {
 
@@ -41,6 +43,31 @@ TEST_F(ContextsTest, EstablishWithEnumeratedRacksAndReleaseOfAnyValue)
     EXPECT_EQ(SCardReleaseContext(42), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardIsValidContext(42), SCARD_S_SUCCESS);
     EXPECT_EQ(logText(), "Release Context -5\nRelease Context 42\nchecking context is valid: \nVALID CONTEXT\n");
+}
+
+// A value held by a live context is drawn again; once released it can be
+// handed out anew. The generator is seeded the same way before each draw.
+TEST_F(ContextsTest, NoTwoLiveContextsShareAValue)
+{
+    addRack("A1", 1);
+    startLibrary(1);
+    auto establishAfterSeed = [] {
+        std::srand(7);
+        SCARDCONTEXT context = 0;
+        EXPECT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context), SCARD_S_SUCCESS);
+        return context;
+    };
+
+    const SCARDCONTEXT first = establishAfterSeed();
+    std::srand(7);
+    EXPECT_EQ(static_cast<SCARDCONTEXT>(std::rand()), first) << "the first context is the first draw";
+    clearLog();
+    const SCARDCONTEXT second = establishAfterSeed();
+    EXPECT_NE(second, first);
+    EXPECT_EQ(logText(), "Hit Establish Context\nSCardEstablishContext " + std::to_string(second) + "\nSuccess\n");
+
+    EXPECT_EQ(SCardReleaseContext(first), SCARD_S_SUCCESS);
+    EXPECT_EQ(establishAfterSeed(), first);
 }
 
 TEST_F(ContextsTest, WithoutRacksEstablishWaitsOutItsLimitAndStillSucceeds)

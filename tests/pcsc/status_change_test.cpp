@@ -1,6 +1,7 @@
 // Status change: the checks before the wait, the record table, waiting for
-// a card to come, go or turn mute, the time-outs, and whole ATRs while the
-// status thread stores new ones.
+// a card to come, go or turn mute, the time-outs, whole ATRs while the
+// status thread stores new ones, the plug-and-play pseudo-reader and
+// SCardCancel.
 #include "pcsc_test_support.h"
 
 #include <atomic>
@@ -15,6 +16,8 @@ namespace {
 constexpr DWORD kEmptySeen = SCARD_STATE_CHANGED | SCARD_STATE_EMPTY;
 constexpr DWORD kPresentSeen = SCARD_STATE_CHANGED | SCARD_STATE_PRESENT;
 constexpr DWORD kMuteSeen = SCARD_STATE_CHANGED | SCARD_STATE_PRESENT | SCARD_STATE_MUTE;
+constexpr char kPnp[] = "\\\\?PnP?\\Notification";
+constexpr DWORD kThreeReaders = 3u << 16;
 
 class StatusChangeTest : public OneRackTest {
 protected:
@@ -32,6 +35,16 @@ protected:
         state.cbAtr = 99;
         std::memset(state.rgbAtr, 0xEE, sizeof state.rgbAtr);
         return state;
+    }
+
+    // Waits on another thread, once its call is in the log and so can be
+    // cancelled; `result` is set when it returns.
+    std::thread waitInBackground(SCARDCONTEXT context, SCARD_READERSTATEA* states, DWORD count, LONG& result)
+    {
+        const size_t before = countOf(logText(), "SCardGetStatusChangeA\n");
+        std::thread waiter([=, &result] { result = SCardGetStatusChangeA(context, INFINITE, states, count); });
+        EXPECT_TRUE(waitUntil([&] { return countOf(logText(), "SCardGetStatusChangeA\n") > before; }));
+        return waiter;
     }
 
     std::deque<std::string> names_;
@@ -220,6 +233,104 @@ TEST_F(StatusChangeTest, APassNeverSeesTheBytesOfOneAtrWithTheLengthOfAnother)
     }
     swapper.join();
     EXPECT_GT(seen, 0);
+}
+
+// The pseudo-reader names no reader: its record carries the number of
+// readers and changes only for a host that knew another number. Alone, it
+// runs to the time-out.
+TEST_F(StatusChangeTest, ThePseudoReaderReportsTheNumberOfReaders)
+{
+    startThreeReaders();
+    struct Row {
+        const char* name;
+        DWORD known;
+        LONG result;
+        DWORD seen;
+    };
+    const Row rows[] = {
+        {kPnp, SCARD_STATE_UNAWARE, SCARD_E_TIMEOUT, kThreeReaders},
+        {"\\\\?pnp?\\NOTIFICATION", SCARD_STATE_UNAWARE, SCARD_E_TIMEOUT, kThreeReaders},
+        {kPnp, kThreeReaders, SCARD_E_TIMEOUT, kThreeReaders},
+        {kPnp, 5u << 16, SCARD_S_SUCCESS, kThreeReaders | SCARD_STATE_CHANGED},
+        {"\\\\?PnP?\\Notifications", SCARD_STATE_UNAWARE, SCARD_E_UNKNOWN_READER, 0xABCD},
+    };
+    for (const Row& row : rows) {
+        SCARD_READERSTATEA narrow = record(row.name, row.known);
+        EXPECT_EQ(SCardGetStatusChangeA(0, 0, &narrow, 1), row.result) << row.name << " " << row.known;
+        EXPECT_EQ(narrow.dwEventState, row.seen) << row.name << " " << row.known;
+
+        const std::wstring wideName = widen(row.name);
+        SCARD_READERSTATEW wide;
+        std::memset(&wide, 0, sizeof wide);
+        wide.szReader = wideName.c_str();
+        wide.dwCurrentState = row.known;
+        wide.dwEventState = 0xABCD;
+        EXPECT_EQ(SCardGetStatusChangeW(0, 0, &wide, 1), row.result) << row.name << " " << row.known;
+        EXPECT_EQ(wide.dwEventState, row.seen) << row.name << " " << row.known;
+    }
+}
+
+// A plug-and-play client: it probes the pseudo-reader with a zeroed record
+// and no wait, watches every reader and the pseudo-reader, sees a card
+// arrive, and is stopped by SCardCancel from another thread.
+TEST_F(StatusChangeTest, APlugAndPlayClientSeesACardAndIsStoppedByCancel)
+{
+    startThreeReaders();
+    const SCARDCONTEXT context = 77;
+
+    SCARD_READERSTATEA probe;
+    std::memset(&probe, 0, sizeof probe);
+    probe.szReader = kPnp;
+    EXPECT_EQ(SCardGetStatusChangeA(context, 0, &probe, 1), SCARD_E_TIMEOUT);
+    EXPECT_EQ(probe.dwEventState & SCARD_STATE_UNKNOWN, 0u) << "plug-and-play is there";
+    EXPECT_EQ(probe.dwEventState, kThreeReaders);
+
+    // R3's mute card would wake a host that knows it on every call.
+    SCARD_READERSTATEA states[3] = {record("Tessel A1 R1", kEmptySeen), record("Tessel A1 R2", kPresentSeen),
+                                    record(kPnp, probe.dwEventState)};
+    std::thread inserter([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        insertCard(device_, 1, atrT0ThenT1());
+    });
+    EXPECT_EQ(SCardGetStatusChangeA(context, INFINITE, states, 3), SCARD_S_SUCCESS);
+    inserter.join();
+    EXPECT_EQ(states[0].dwEventState, kPresentSeen);
+    EXPECT_EQ(states[2].dwEventState, kThreeReaders) << "the readers stay as they were";
+    EXPECT_TRUE(containsInOrder(logText(), {"SCardGetStatusChangeA\n", std::string(kPnp) + "\n"}));
+
+    // A cancel with nothing waiting is forgotten: the next wait runs out.
+    for (auto& state : states) state.dwCurrentState = state.dwEventState & ~DWORD(SCARD_STATE_CHANGED);
+    EXPECT_EQ(SCardCancel(context), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardGetStatusChangeA(context, 0, states, 3), SCARD_E_TIMEOUT);
+
+    clearLog();
+    LONG result = 0;
+    std::thread waiter = waitInBackground(context, states, 3, result);
+    EXPECT_EQ(SCardCancel(context), SCARD_S_SUCCESS);
+    waiter.join();
+    EXPECT_EQ(result, SCARD_E_CANCELLED);
+    EXPECT_TRUE(containsInOrder(logText(), {"SCardGetStatusChangeA\n", "SCardCancel\n", "Wait cancelled\n"}))
+        << logText();
+}
+
+// A cancel reaches only the waits of its own context.
+TEST_F(StatusChangeTest, ACancelLeavesTheWaitsOfOtherContextsWaiting)
+{
+    startThreeReaders();
+    SCARD_READERSTATEA cancelled = record("Tessel A1 R1", kEmptySeen);
+    SCARD_READERSTATEA kept = record("Tessel A1 R1", kEmptySeen);
+    LONG cancelledResult = 0, keptResult = 0;
+    std::thread first = waitInBackground(11, &cancelled, 1, cancelledResult);
+    std::thread second = waitInBackground(12, &kept, 1, keptResult);
+
+    SCardCancel(11);
+    first.join();
+    EXPECT_EQ(cancelledResult, SCARD_E_CANCELLED);
+
+    insertCard(device_, 1, atrT0ThenT1());
+    second.join();
+    EXPECT_EQ(keptResult, SCARD_S_SUCCESS);
+    EXPECT_EQ(kept.dwEventState, kPresentSeen);
 }
 
 }  // namespace

@@ -137,3 +137,74 @@ TEST_F(SimDevices, RecordsTheLineSettingsOfThisOpen)
 }
 
 }  // namespace
+
+namespace {
+
+// The racks that a host which cannot call the control surface describes in
+// TESSEL_SIM: the device list, each rack's slot map and each slot's state,
+// as a host sees them through the D2XX functions. Bad text leaves no racks.
+TEST_F(SimDevices, RacksDescribedByText)
+{
+    const Bytes defaultAtr{0x3B, 0x8A, 0x80, 0x01, 0x54, 0x65, 0x73, 0x73, 0x65, 0x6C, 0x52, 0x61, 0x63, 0x6B, 0x08};
+    struct Row {
+        std::string text;
+        int racks, slots, cards, mute;
+        bool echo;
+        Bytes atr;
+    };
+    const Row rows[] = {
+        {"racks=2,slots=8,cards=3,mute=1,echo=1", 2, 8, 3, 1, true, defaultAtr},
+        {"", 1, 4, 2, 0, false, defaultAtr},
+        {"slots=3,cards=1,atr=3B:02 14:50,", 1, 3, 1, 0, false, {0x3B, 0x02, 0x14, 0x50}},
+        {"slots=4,cards=5", -1},
+        {"slots=4,cards=3,mute=2", -1},
+        {"racks=0", -1},
+        {"racks=17", -1},
+        {"racks=2,colour=red", -1},
+        {"racks", -1},
+        {"echo=yes", -1},
+        {"atr=3B0", -1},
+        {"atr=3BXX", -1},
+        {"atr=" + std::string(66, 'A'), -1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE("\"" + row.text + "\"");
+        rackSimAddDevice("Smart Card Rack", "OLD");
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(rackSimSetUp(row.text.c_str()), row.racks);
+        const std::string message = ::testing::internal::GetCapturedStderr();
+        EXPECT_EQ(message.find("TESSEL_SIM") != std::string::npos, row.racks < 0) << message;
+
+        uint32_t count = 99;
+        ASSERT_EQ(FT_CreateDeviceInfoList(&count), FT_OK);
+        ASSERT_EQ(count, static_cast<uint32_t>(std::max(row.racks, 0)));
+        if (row.racks < 0) continue;
+        std::vector<FT_DEVICE_LIST_INFO_NODE> records(count);
+        ASSERT_EQ(FT_GetDeviceInfoList(records.data(), &count), FT_OK);
+        for (int rack = 0; rack < row.racks; ++rack) {
+            EXPECT_STREQ(records[rack].Description, "Smart Card Rack");
+            EXPECT_EQ(std::string(records[rack].SerialNumber), "TR000" + std::to_string(rack + 1));
+        }
+
+        // The last rack: its map and every slot's answer to a status request.
+        FT_HANDLE last = nullptr;
+        ASSERT_EQ(FT_OpenEx(records[row.racks - 1].SerialNumber, FT_OPEN_BY_SERIAL_NUMBER, &last), FT_OK);
+        handle = last;
+        const Bytes map = exchange({0x55, 0x00, 0x00, 0xC1, 0xEA});
+        ASSERT_EQ(map.size(), 245u);
+        EXPECT_EQ(std::count(map.begin() + 4, map.end() - 1, 0x01), row.slots);
+        for (int slot = 1; slot <= row.slots; ++slot) {
+            const uint8_t a = static_cast<uint8_t>(slot);
+            const Bytes state = slot <= row.cards              ? hostFrame(a, 0x05, row.atr)
+                                : slot <= row.cards + row.mute ? hostFrame(a, 0x03)
+                                                               : hostFrame(a, 0x01);
+            EXPECT_EQ(exchange(hostFrame(a, 0x00)), concat({hostFrame(a, 0x06), state})) << slot;
+        }
+        const Bytes answer = row.echo ? Bytes{0x00, 0xA4} : Bytes{0x90, 0x00};
+        EXPECT_EQ(exchange(hostFrame(1, 0x40, {0x00, 0xA4})), concat({hostFrame(1, 0x06), hostFrame(1, 0x04, answer)}));
+        FT_Close(last);
+        handle = nullptr;
+    }
+}
+
+}  // namespace

@@ -29,6 +29,8 @@
 
 #include "sim/rack_sim.h"
 
+int runPnpCancelCases(HMODULE winscard, const char* emptyReader, int device, int slot);
+
 namespace {
 
 // ---- Reporting -------------------------------------------------------------
@@ -636,6 +638,7 @@ int fullSession()
     bringUp(api, sim, context);
     listing(api, context);
     statusChange(api, sim, context);
+    g_failed += runPnpCancelCases(library, "Tessel W1 R2", kW1, 2);
     session(api, sim, context);
 
     logFile({"Found device with serial W1", "Found device with serial W2", "SCardListReadersA",

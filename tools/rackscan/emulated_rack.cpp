@@ -3,7 +3,6 @@
 #include "sim/rack_sim.h"
 
 #include <chrono>
-#include <cstdio>
 
 namespace rackscan {
 namespace {
@@ -16,33 +15,11 @@ void putCard(const EmulatorSetup& setup, int device, int slot)
 
 }  // namespace
 
-std::string emulatedSerial(int rack)
-{
-    char serial[16];
-    std::snprintf(serial, sizeof serial, "TR%04d", rack + 1);
-    return serial;
-}
+std::string emulatedSerial(int rack) { return racksim::rackSerial(rack); }
 
-std::vector<uint8_t> defaultEmulatedAtr()
-{
-    return {0x3B, 0x8A, 0x80, 0x01, 0x54, 0x65, 0x73, 0x73, 0x65, 0x6C, 0x52, 0x61, 0x63, 0x6B, 0x08};
-}
+std::vector<uint8_t> defaultEmulatedAtr() { return racksim::defaultCardAtr(); }
 
-void setUpEmulatedRacks(const EmulatorSetup& setup)
-{
-    rackSimReset();
-    for (int rack = 0; rack < setup.racks; ++rack) {
-        int device = rackSimAddDevice("Smart Card Rack", emulatedSerial(rack).c_str());
-        rackSimAddSlots(device, 1, setup.slotsPerRack);
-        for (int slot = 1; slot <= setup.slotsPerRack; ++slot) {
-            if (setup.echo) rackSimSetEcho(device, slot);
-            if (slot <= setup.cardsPerRack)
-                putCard(setup, device, slot);
-            else if (slot <= setup.cardsPerRack + setup.muteCardsPerRack)
-                rackSimMuteCard(device, slot);
-        }
-    }
-}
+void setUpEmulatedRacks(const EmulatorSetup& setup) { racksim::buildRacks(setup); }
 
 int EmulatedCardEvents::start(int delayMs, int thenRemoveAfterMs)
 {

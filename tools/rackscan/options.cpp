@@ -82,13 +82,13 @@ bool applyOption(const std::string& name, const std::string& value, Options& opt
         options.libraryPath = value;
         return true;
     }
-    if (name == "--racks") return parseNumber(name, value, 1, 16, emulator.racks, error);
-    if (name == "--slots") return parseNumber(name, value, 1, 240, emulator.slotsPerRack, error);
-    if (name == "--cards") return parseNumber(name, value, 0, 240, emulator.cardsPerRack, error);
-    if (name == "--mute") return parseNumber(name, value, 0, 240, emulator.muteCardsPerRack, error);
+    if (name == "--racks") return parseNumber(name, value, 1, racksim::kMostRacks, emulator.racks, error);
+    if (name == "--slots") return parseNumber(name, value, 1, racksim::kMostSlots, emulator.slotsPerRack, error);
+    if (name == "--cards") return parseNumber(name, value, 0, racksim::kMostSlots, emulator.cardsPerRack, error);
+    if (name == "--mute") return parseNumber(name, value, 0, racksim::kMostSlots, emulator.muteCardsPerRack, error);
     if (name == "--atr") {
         std::string why;
-        if (!parseHex(value, emulator.atr, why, 32)) {
+        if (!parseHex(value, emulator.atr, why, racksim::kMostAtrBytes)) {
             error = "bad --atr: " + why;
             return false;
         }

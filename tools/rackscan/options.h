@@ -7,20 +7,16 @@
 #include <string>
 #include <vector>
 
+#include "sim/rack_setup.h"
+
 namespace rackscan {
 
 enum class Command { Help, List, Watch, Send, Log, Demo };
 
 // The emulated rack that rackscan sets up before it loads the library (on
-// platforms where the emulator stands in for the D2XX library).
-struct EmulatorSetup {
-    int racks = 1;
-    int slotsPerRack = 4;
-    int cardsPerRack = 2;          // slots 1..cards hold a card with an ATR
-    int muteCardsPerRack = 0;      // the slots after them hold a mute card
-    std::vector<uint8_t> atr;      // empty: the default ATR
-    bool echo = false;             // cards answer with the command itself
-};
+// platforms where the emulator stands in for the D2XX library); the same
+// description the emulator takes from TESSEL_SIM.
+using EmulatorSetup = racksim::RackSetup;
 
 struct Options {
     Command command = Command::Help;

@@ -1,0 +1,48 @@
+#include "pcsc/wait_cancel.h"
+
+#include <algorithm>
+#include <mutex>
+#include <vector>
+
+#include "platform/sync.h"
+
+namespace {
+
+// The waits in progress. The lock is held only to add, remove or walk the
+// list, never across a wait.
+struct WaitList {
+    platform::ExclusiveLock lock;
+    std::vector<CancellableWait*> waits;
+};
+
+// Made on first use and never destroyed, so that a wait on a host thread
+// still finds it while the process ends.
+WaitList& waitList()
+{
+    static WaitList* list = new WaitList;
+    return *list;
+}
+
+}  // namespace
+
+CancellableWait::CancellableWait(SCARDCONTEXT context) : context_(context)
+{
+    WaitList& list = waitList();
+    std::lock_guard<platform::ExclusiveLock> guard(list.lock);
+    list.waits.push_back(this);
+}
+
+CancellableWait::~CancellableWait()
+{
+    WaitList& list = waitList();
+    std::lock_guard<platform::ExclusiveLock> guard(list.lock);
+    list.waits.erase(std::find(list.waits.begin(), list.waits.end(), this));
+}
+
+void cancelWaitsOf(SCARDCONTEXT context)
+{
+    WaitList& list = waitList();
+    std::lock_guard<platform::ExclusiveLock> guard(list.lock);
+    for (CancellableWait* wait : list.waits)
+        if (wait->context() == context) wait->cancel();
+}

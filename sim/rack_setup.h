@@ -1,0 +1,44 @@
+// A whole emulated bus described in a few numbers: how many racks, how many
+// slots each, which hold cards. rackscan builds its emulated racks from one
+// of these, and the emulator builds one at load from the TESSEL_SIM text,
+// for hosts that cannot call the control surface themselves.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace racksim {
+
+// The limits of each number, as rackscan's options and TESSEL_SIM take them.
+constexpr int kMostRacks = 16;
+constexpr int kMostSlots = 240;
+constexpr size_t kMostAtrBytes = 32;
+
+struct RackSetup {
+    int racks = 1;
+    int slotsPerRack = 4;
+    int cardsPerRack = 2;          // slots 1..cards hold a card with an ATR
+    int muteCardsPerRack = 0;      // the slots after them hold a mute card
+    std::vector<uint8_t> atr;      // empty: the default ATR
+    bool echo = false;             // cards answer with the command itself
+};
+
+// The serial number of rack `rack` (from 0): "TR0001", ...
+std::string rackSerial(int rack);
+
+// The ATR of a card when none is given: T=0 and T=1 offered, historical
+// bytes "TesselRack", with its check byte.
+std::vector<uint8_t> defaultCardAtr();
+
+// Parses "racks=2,slots=8,cards=3,mute=1,echo=1,atr=3B0214" (every key is
+// optional, the others keep their defaults; the ATR's bytes may be split by
+// blanks or colons). Cards and mute cards that a rack cannot hold are an
+// error, as is any unknown key or bad number. On failure returns false and
+// says why in `error`.
+bool parseRackSetupText(const std::string& text, RackSetup& setup, std::string& error);
+
+// Replaces every device of the emulator with the racks of `setup`.
+void buildRacks(const RackSetup& setup);
+
+}  // namespace racksim
