@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
 
 class FrameAssembler {
 public:
@@ -30,9 +31,8 @@ public:
     uint32_t bytesToRead(uint32_t waiting) const;
     // Appends bytes read from the device; at most bytesToRead() of them.
     void append(const uint8_t* bytes, uint32_t count);
-    // One pass over what is held: the sync search, or the frames at the head.
-    void parseOnce();
-    // Passes until one changes nothing: every whole frame held is handed on.
+    // Passes over what is held until one changes nothing: every whole
+    // frame held is handed on.
     void parse();
 
     // The link was seen with bytes waiting at `nowMs` (wall clock).
@@ -48,6 +48,8 @@ public:
     uint32_t heldCount() const { return rxMsgLastIndexOf_; }
 
 private:
+    // One pass: the sync search, or the frames at the head.
+    void parseOnce();
     void searchSync();
     void handOnSeveralFrames();
     void clear();
