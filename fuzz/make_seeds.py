@@ -3,7 +3,8 @@
 
 receive_path_fuzz: byte 0 is the mode (bits 0-5: size of the pieces the
 rest goes on the line in, 0 for all at once; bit 6: the rack is brought up
-first), the rest is what the rack sends. atr_walk_fuzz: an ATR.
+first; bit 7: the receive thread comes back late to every pass), the rest
+is what the rack sends. atr_walk_fuzz: an ATR.
 """
 import os
 
@@ -21,7 +22,7 @@ def extended(address, data):
     return body + bytes([(0x100 - sum(body) % 256) % 256])
 
 
-UP, ALL = 0x40, 0x00
+UP, ALL, LATE = 0x40, 0x00, 0x80
 ack1 = frame(1, 0x06)
 answer1 = frame(1, 0x04, b"\x90\x00")
 slot_map = frame(0, 0xC5, bytes([0x01, 0x01, 0x03, 0x15] + [0x00] * 236))
@@ -41,6 +42,7 @@ receive = {
     "master_frames": bytes([ALL]) + frame(0, 0xC2) + frame(0, 0x06) + frame(0, 0xC3),
     "unknown_address": bytes([UP]) + frame(200, 0x04, b"\x01\x02") + frame(200, 0x06),
     "oversized_extended": bytes([UP | 63]) + extended(1, bytes(1600)),
+    "late_passes_answer_with_sync_bytes": bytes([LATE | UP | 40]) + ack1 + extended(1, b"\x55\x56" * 128),
 }
 
 atrs = {

@@ -3,83 +3,72 @@
 // slots behind the rack answering whatever the library sends them.
 //
 // Each input gets a new Rack on a fresh emulator. Its worker threads are
-// stopped at once, and this thread does their work in their order, so
-// that a run depends on the input alone:
+// stopped at once, and this thread does their work in their order, on a
+// clock of its own, so that a run depends on the input alone:
 //   byte 0, bits 0-5: the size of the pieces in which the rest of the input
 //                     is put on the line (0: all at once);
 //   byte 0, bit 6:    the rack is brought up first (slot map, status of
 //                     every reader, closing frame), so that the stream
 //                     meets readers in the event state; otherwise it meets
 //                     a rack that has not asked for its slot map;
+//   byte 0, bit 7:    the receive thread comes back late to every pass,
+//                     as on a loaded machine, so that the quiet-link
+//                     watchdog's limit has always passed;
 //   bytes 1 on:       the bytes the rack sends.
-// After each piece, the receive loop's steps run until the device's queue
-// is empty: read what waits, the watchdog when a frame cannot complete,
-// and the status thread's pass over the readers' incoming mailboxes.
+// After each piece, the receive thread's passes and the status thread's
+// pass over the readers' incoming mailboxes run until the device's queue is
+// empty. At the end the link goes quiet for longer than the watchdog waits.
 #include <cstddef>
 #include <algorithm>
 #include <cstdint>
 
 #include "fuzz_support.h"
 #include "link/rack.h"
+#include "platform/clock.h"
 #include "reader/status_worker.h"
-#include "platform/d2xx.h"
 
 namespace {
 
-// A bound on the rounds of one drain. Each round either reads bytes that
-// the device holds or gives a stuck frame up, and the slots answer each
-// frame of the host with a few frames, so a healthy drain ends well below.
-constexpr int kMostRounds = 4096;
+// A bound on the passes of one drain. Each pass either reads bytes that the
+// device holds or gives a stuck frame up, and the slots answer each frame
+// of the host with a few frames, so a healthy drain ends well below.
+constexpr int kMostPasses = 4096;
 
-// The status thread's pass.
-void statusPass(Rack& rack)
-{
-    for (size_t i = 0, n = rack.readers().size(); i < n; ++i) {
-        Reader* reader = rack.readers()[i];
-        if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
-    }
-}
+constexpr int64_t kPollMs = 5;
+constexpr int64_t kLateMs = FrameAssembler::quietLimitMs + 1;
 
-// The receive thread's watchdog, fired as if the link had been quiet for
-// longer than its limit.
-void watchdog(Rack& rack)
-{
-    if (rack.expectedLength != 0 && rack.rxMsgLastIndexOf != 0 && rack.expectedLength != rack.rxMsgLastIndexOf) {
-        rack.rxMsg[0] = 0;
-        rack.receiveBytes(0);
-        rack.receiveBytes(0);
-    }
-}
+struct Run {
+    Rack& rack;
+    int64_t now;
+    int64_t step;
 
-// The receive thread's polls until the device has nothing more to give.
-void drain(Rack& rack)
-{
-    for (int round = 0; round < kMostRounds; ++round) {
-        uint32_t waiting = 0;
-        FT_GetQueueStatus(rack.ftHandle, &waiting);
-        if (waiting == 0) {
-            statusPass(rack);
-            FT_GetQueueStatus(rack.ftHandle, &waiting);
-            if (waiting == 0) return;
+    // The status thread's pass.
+    void statusPass()
+    {
+        for (size_t i = 0, n = rack.readers().size(); i < n; ++i) {
+            Reader* reader = rack.readers()[i];
+            if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
         }
-        uint32_t heldBefore = rack.rxMsgLastIndexOf;
-        rack.receiveBytes(waiting);
-        // Bytes wait but none could be read: the frame at the head can
-        // never complete, which the receive loop gives up at once.
-        if (rack.rxMsgLastIndexOf == heldBefore && rack.rxMsgLastIndexOf >= 1000) watchdog(rack);
-        statusPass(rack);
     }
-    __builtin_trap();  // the receive path went round without end
-}
 
-// The start of the rack's life as discovery drives it: the enumerate
-// frame, the master's slot map, the status of each reader and the closing
-// frame, all answered by the emulator.
-void bringUp(Rack& rack)
-{
-    rack.startEnumeration();
-    drain(rack);
-}
+    // Both threads' passes until the device has nothing more to give.
+    void drain()
+    {
+        for (int pass = 0; pass < kMostPasses; ++pass) {
+            now += step;
+            bool waited = rack.receivePass(now) > 0;
+            statusPass();
+            if (!waited && rack.receivePass(now += step) == 0) return;
+        }
+        __builtin_trap();  // the receive path went round without end
+    }
+
+    void quietLink()
+    {
+        now += kLateMs;
+        drain();
+    }
+};
 
 }  // namespace
 
@@ -95,6 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const uint8_t mode = data[0];
     const size_t piece = mode & 0x3F;
     const bool broughtUp = (mode & 0x40) != 0;
+    const bool late = (mode & 0x80) != 0;
     ++data;
     --size;
 
@@ -102,20 +92,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     {
         Rack rack(fuzz_support::kSerial);
         rack.stopWorkers();
-        if (broughtUp) bringUp(rack);
+        // The loop's own start, on this run's clock.
+        Run run{rack, platform::wallClockMs(), late ? kLateMs : kPollMs};
+        rack.assembler.linkSeen(run.now);
+        if (broughtUp) {
+            // The start of the rack's life as discovery drives it: the
+            // enumerate frame, the master's slot map, the status of each
+            // reader and the closing frame, all answered by the emulator.
+            rack.startEnumeration();
+            run.drain();
+        }
 
         for (size_t at = 0; at < size;) {
             size_t n = piece == 0 ? size - at : std::min(piece, size - at);
             rackSimInjectBytes(device, data + at, static_cast<int>(n));
-            drain(rack);
+            run.drain();
             at += n;
         }
-        // The link goes quiet: a second and more pass, the watchdog fires,
-        // and what it brings to the head is parsed.
-        watchdog(rack);
-        rack.receiveBytes(0);
-        rack.receiveBytes(0);
-        drain(rack);
+        run.quietLink();
 
         // The rack lock is free or held by one of this rack's readers.
         Reader* holder = rack.lockHolder();
@@ -130,7 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (state != kStateNoCard && state != kStateCard && state != kStateMuteCard) __builtin_trap();
             if (rack.readers()[i]->atrLength() > Atr::capacity) __builtin_trap();
         }
-        if (rack.rxMsgLastIndexOf > Rack::rxCapacity) __builtin_trap();
+        if (rack.assembler.heldCount() > FrameAssembler::capacity) __builtin_trap();
     }
     fuzz_support::forgetCardHandles();
     return 0;

@@ -9,6 +9,7 @@
 #include <deque>
 #include <string>
 
+#include "link/frame_assembler.h"
 #include "link/growing_list.h"
 #include "link/rack_frame.h"
 #include "platform/d2xx.h"
@@ -38,8 +39,11 @@ public:
     void startEnumeration();
     void finishEnumeration();
 
-    // Receive reassembly.
+    // Receive reassembly: the loop pauses 5 ms before each pass.
     void receiveLoop();
+    // One pass at `nowMs` (wall clock): the queue status, the give-up test,
+    // the read and the parse. Returns the bytes the device reported waiting.
+    uint32_t receivePass(int64_t nowMs);
     void receiveBytes(uint32_t waiting);
 
     // Frame dispatch and enumeration.
@@ -83,24 +87,16 @@ public:
     void stopWorkers();
     bool stopping() const { return stopRequested_.load(std::memory_order_acquire); }
 
-    static constexpr uint32_t rxCapacity = 2048;
-
-    // The receive thread's own state: only it reads from the link and
-    // touches these.
-    uint32_t rxMsgLastIndexOf = 0;
+    // The receive thread's alone: the bytes held, the size of the frame at
+    // their head and the last time the link was seen with bytes waiting.
+    FrameAssembler assembler{[this](const uint8_t* frame, uint32_t size) { handleFrame(frame, size); }};
     FT_HANDLE ftHandle = nullptr;
-    uint8_t rxMsg[rxCapacity] = {};
-    int64_t lastRxTime = 0;
-    uint32_t expectedLength = 0;
 
 private:
     // A pause of a worker thread that ends early once the workers are told
     // to stop, so that the stop path never waits out a long pause.
     void workerPause(uint32_t milliseconds);
     bool sendQueueEmpty() EXCLUDES(sendQueueGuard_);
-    void receiveSeveralFrames();
-    uint32_t bytesToRead(uint32_t waiting) const;
-    void parseWhatIsHeld();
 
     // Several threads change the send queue: a short guard of its own,
     // never held across a write to the device. It also keeps a turn, the
