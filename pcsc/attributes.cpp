@@ -10,6 +10,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/host_handle.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"
@@ -78,14 +79,15 @@ LONG attributeInNewBlock(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, LPDWO
     }
     if (dwAttrId == SCARD_ATTR_ATR_STRING) {
         logWrite("get_atr_GetReaderAtr_auto\n");
-        Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
+        uint32_t handle = 0;
+        Rack* rack = cardHandleFromHost(hCard, handle) ? rackByCardHandle(handle) : nullptr;
         if (rack == nullptr) {
             // The ATR needs a reader; a handle that none holds is refused
             // as the status query refuses it.
             std::free(block);
             return SCARD_E_INVALID_HANDLE;
         }
-        *pcbAttrLen = rack->readerAtr(static_cast<uint32_t>(hCard), block);
+        *pcbAttrLen = rack->readerAtr(handle, block);
         traceLength(*pcbAttrLen);
         *reinterpret_cast<BYTE**>(pbAttr) = block;
         return SCARD_S_SUCCESS;
@@ -110,19 +112,20 @@ LONG attributeInCallersBuffer(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, 
     }
     if (dwAttrId != SCARD_ATTR_ATR_STRING) return answerWithoutData(dwAttrId);
 
-    Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
+    uint32_t handle = 0;
+    Rack* rack = cardHandleFromHost(hCard, handle) ? rackByCardHandle(handle) : nullptr;
     if (rack == nullptr) return SCARD_E_INVALID_HANDLE;
     // The ATR is taken into a buffer of the library's own first, so that
     // no byte of it lands anywhere the caller did not offer.
     BYTE atr[kAttributeBlockSize] = {};
     if (pbAttr == nullptr) {
         logWrite("get_atr_GetReaderAtr_pbAttr_is_null\n");
-        *pcbAttrLen = rack->readerAtr(static_cast<uint32_t>(hCard), atr);
+        *pcbAttrLen = rack->readerAtr(handle, atr);
         traceLength(*pcbAttrLen);
         return SCARD_S_SUCCESS;
     }
     logWrite("get_atr_GetReaderAtr_else\n");
-    const DWORD length = rack->readerAtr(static_cast<uint32_t>(hCard), atr);
+    const DWORD length = rack->readerAtr(handle, atr);
     const DWORD delivered = std::min(length, capacity);
     std::memcpy(pbAttr, atr, delivered);
     *pcbAttrLen = length;

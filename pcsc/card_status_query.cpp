@@ -10,6 +10,7 @@
 
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/host_handle.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "reader/atr.h"
@@ -87,8 +88,9 @@ LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, 
     DWORD nameSize = *pcchReaderLen;
     DWORD atrSize = *pcbAtrLen;
 
-    Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-    Reader* reader = rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
+    uint32_t handle = 0;
+    Rack* rack = cardHandleFromHost(hCard, handle) ? rackByCardHandle(handle) : nullptr;
+    Reader* reader = rack != nullptr ? rack->readerByHandle(handle) : nullptr;
     if (reader == nullptr) {
         traceIf(StatusForm<Char>::tracesDetail, "InvalidHandle\n");
         return SCARD_E_INVALID_HANDLE;

@@ -9,6 +9,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/host_handle.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"
@@ -69,8 +70,9 @@ void selectAndWait(Rack* rack, Reader* reader, DWORD activeProtocol)
 
 Reader* readerOfHandle(SCARDHANDLE hCard, Rack*& rack)
 {
-    rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-    return rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
+    uint32_t handle = 0;
+    rack = cardHandleFromHost(hCard, handle) ? rackByCardHandle(handle) : nullptr;
+    return rack != nullptr ? rack->readerByHandle(handle) : nullptr;
 }
 
 // What SCardDisconnect and SCardReconnect do with a disposition.

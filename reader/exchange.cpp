@@ -12,6 +12,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/host_handle.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"
@@ -97,8 +98,9 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_I
                  decimalText(static_cast<uint32_t>(*pcbRecvLength)) + "\n");
         return SCARD_E_INSUFFICIENT_BUFFER;
     }
-    Rack* rack = rackByCardHandle(static_cast<uint32_t>(hCard));
-    Reader* reader = rack != nullptr ? rack->readerByHandle(static_cast<uint32_t>(hCard)) : nullptr;
+    uint32_t handle = 0;
+    Rack* rack = cardHandleFromHost(hCard, handle) ? rackByCardHandle(handle) : nullptr;
+    Reader* reader = rack != nullptr ? rack->readerByHandle(handle) : nullptr;
     if (reader == nullptr) return SCARD_E_INVALID_HANDLE;
     // The size of the host's buffer; the answer never goes past it.
     const DWORD capacity = *pcbRecvLength;
