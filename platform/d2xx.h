@@ -1,7 +1,8 @@
 // The surface of FTDI's D2XX library (FTD2XX.dll) that the library uses,
 // with the published signatures. On Windows the functions are imported
-// from FTD2XX.dll by ordinal; elsewhere they are linked from whatever
-// provides them, the rack emulator in development and tests.
+// from FTD2XX.dll, by ordinal in 32-bit builds and by name in 64-bit ones;
+// elsewhere they are linked from whatever provides them, the rack emulator
+// in development and tests.
 #pragma once
 
 #include <cstddef>

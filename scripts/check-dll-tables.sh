@@ -16,7 +16,8 @@
 # it uses: by ordinal only in the 32-bit build, by name only in the 64-bit
 # one.
 # FTD2XX.dll (the emulator): the D2XX functions at their ordinals, system
-# imports only. winscard_host.exe: system imports only.
+# imports only. winscard_host.exe and tools/rackscan.exe: the same machine
+# type, system imports only.
 set -euo pipefail
 
 dir=${1:?usage: check-dll-tables.sh <folder> [32|64]}
@@ -251,6 +252,14 @@ echo "--- winscard_host.exe"
 if read_module "$dir/winscard_host.exe" host; then
   check_machine host winscard_host.exe no
   check_system_imports_only host winscard_host.exe
+fi
+
+# --- tools/rackscan.exe --------------------------------------------------------------
+
+echo "--- tools/rackscan.exe"
+if read_module "$dir/tools/rackscan.exe" scan; then
+  check_machine scan rackscan.exe no
+  check_system_imports_only scan rackscan.exe
 fi
 
 if [ "$failures" -ne 0 ]; then
