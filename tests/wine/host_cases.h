@@ -15,26 +15,24 @@
 // Prints "PASS: text" or "FAIL: text" and counts it.
 bool check(bool ok, const char* format, ...);
 
-// Each function is typed by the platform's own declaration, so a calling
+// Each export is typed by the platform's own declaration, so a calling
 // convention or an argument that differs from the published one corrupts
 // the call here; members and the names they are resolved by are the same.
-#define HOST_API_FUNCTIONS(X)                                                                                     \
+#define HOST_API_EXPORTS(X)                                                                                       \
     X(SCardEstablishContext) X(SCardReleaseContext) X(SCardIsValidContext) X(SCardListReadersW) X(SCardFreeMemory) \
-    X(SCardGetStatusChangeA) X(SCardGetStatusChangeW) X(SCardConnectA) X(SCardConnectW) X(SCardReconnect)         \
-    X(SCardDisconnect) X(SCardStatusA) X(SCardTransmit) X(SCardGetAttrib) X(SCardCancel)
-#define HOST_API_RECORDS(X) X(g_rgSCardT0Pci) X(g_rgSCardT1Pci) X(g_rgSCardRawPci)
-#define HOST_EMULATOR_FUNCTIONS(X) X(rackSimReset) X(rackSimAddDevice) X(rackSimAddSlots) X(rackSimInsertCard) \
-    X(rackSimIsOpen)
+    X(SCardGetStatusChangeA) X(SCardConnectA) X(SCardConnectW) X(SCardReconnect) X(SCardDisconnect)                \
+    X(SCardStatusA) X(SCardTransmit) X(SCardGetAttrib) X(SCardCancel) X(SCardGetStatusChangeW)                     \
+    X(g_rgSCardT0Pci) X(g_rgSCardT1Pci) X(g_rgSCardRawPci)
+#define HOST_EMULATOR_EXPORTS(X) \
+    X(rackSimReset) X(rackSimAddDevice) X(rackSimAddSlots) X(rackSimInsertCard) X(rackSimIsOpen)
 
-#define HOST_DECLARE_FUNCTION(name) decltype(&::name) name = nullptr;
-#define HOST_DECLARE_RECORD(name) const SCARD_IO_REQUEST* name = nullptr;
+#define HOST_DECLARE_EXPORT(name) decltype(&::name) name = nullptr;
 struct Api {
-    HOST_API_FUNCTIONS(HOST_DECLARE_FUNCTION)
-    HOST_API_RECORDS(HOST_DECLARE_RECORD)
+    HOST_API_EXPORTS(HOST_DECLARE_EXPORT)
     bool load(HMODULE module);
 };
 struct Emulator {
-    HOST_EMULATOR_FUNCTIONS(HOST_DECLARE_FUNCTION)
+    HOST_EMULATOR_EXPORTS(HOST_DECLARE_EXPORT)
     bool load(HMODULE module);
 };
 

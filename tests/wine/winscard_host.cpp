@@ -38,8 +38,8 @@ bool check(bool ok, const char* format, ...)
 }
 
 #define HOST_RESOLVE(name) &&resolve(module, #name, name)
-bool Api::load(HMODULE module) { return true HOST_API_FUNCTIONS(HOST_RESOLVE) HOST_API_RECORDS(HOST_RESOLVE); }
-bool Emulator::load(HMODULE module) { return true HOST_EMULATOR_FUNCTIONS(HOST_RESOLVE); }
+bool Api::load(HMODULE module) { return true HOST_API_EXPORTS(HOST_RESOLVE); }
+bool Emulator::load(HMODULE module) { return true HOST_EMULATOR_EXPORTS(HOST_RESOLVE); }
 
 namespace {
 
@@ -102,16 +102,13 @@ void contextAndRecords(Host& host)
     for (int i = 0; i < 3; ++i)
         check(records[i]->dwProtocol == protocols[i] && records[i]->cbPciLength == sizeof(SCARD_IO_REQUEST),
               "PCI record %d is {%lu, %u}", i, protocols[i], static_cast<unsigned>(sizeof(SCARD_IO_REQUEST)));
-}
 
-// A multi-string of 16-bit characters in a block the library allocates and
-// the host hands back.
-void wideListInNewBlock(Host& host)
-{
+    // A multi-string of 16-bit characters in a block the library allocates
+    // and the host hands back.
     const std::wstring expected(L"Tessel W1 R1\0Tessel W1 R2\0Tessel W1 R3\0Tessel W2 R1\0Tessel W2 R2\0", 66);
     LPWSTR names = nullptr;
     DWORD length = SCARD_AUTOALLOCATE;
-    LONG result = host.api.SCardListReadersW(host.context, nullptr, reinterpret_cast<LPWSTR>(&names), &length);
+    result = host.api.SCardListReadersW(host.context, nullptr, reinterpret_cast<LPWSTR>(&names), &length);
     check(result == SCARD_S_SUCCESS && names != nullptr && std::wstring(names, length) == expected,
           "SCardListReadersW with SCARD_AUTOALLOCATE: five wide names (0x%08lx, %lu characters)", result, length);
     if (names) check(host.api.SCardFreeMemory(host.context, names) == SCARD_S_SUCCESS, "SCardFreeMemory of it");
@@ -221,8 +218,7 @@ const struct {
     void (*run)(Host&);
 } kCases[] = {
     {"exports by name and by ordinal", exportsByNameAndOrdinal},
-    {"context and the PCI records", contextAndRecords},
-    {"a wide list in a new block", wideListInNewBlock},
+    {"context, PCI records and a wide list", contextAndRecords},
     {"reader state records", readerStateRecords},
     {"a wide connect and an attribute block", wideConnectAndAttributeBlock},
     {"handle width", handleWidth},
