@@ -9,6 +9,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/host_handle.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"

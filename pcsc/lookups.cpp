@@ -3,6 +3,8 @@
 // elements.
 #include "pcsc/lookups.h"
 
+#include "pcsc/host_handle.h"
+
 #include <cstdint>
 #include <string>
 
@@ -49,6 +51,7 @@ RackReader findReaderByCardHandle(SCARDHANDLE hCard)
 {
     // The one place where a host's handle value becomes a reader's handle:
     // the handles this library hands out are 32-bit.
-    const uint32_t handle = static_cast<uint32_t>(hCard);
+    uint32_t handle = 0;
+    if (!cardHandleFromHost(hCard, handle)) return RackReader{};
     return firstMatch([handle](const Reader& reader) { return reader.handle == handle; });
 }

@@ -1,9 +1,11 @@
 // The surface of FTDI's D2XX library (FTD2XX.dll) that the library uses,
 // with the published signatures. On Windows the functions are imported
-// from FTD2XX.dll by ordinal; elsewhere they are linked from whatever
-// provides them, the rack emulator in development and tests.
+// from FTD2XX.dll, by ordinal in 32-bit builds and by name in 64-bit ones;
+// elsewhere they are linked from whatever provides them, the rack emulator
+// in development and tests.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #ifdef _WIN32
@@ -34,7 +36,8 @@ enum : uint32_t {
     FT_LIST_NUMBER_ONLY = 0x80000000u,
 };
 
-// One record of the device list: 100 bytes on the 32-bit interface.
+// One record of the device list: 100 bytes on the 32-bit interface, 104 on
+// the 64-bit one (the handle is 8 bytes there, at offset 96).
 typedef struct _ft_device_list_info_node {
     uint32_t Flags;
     uint32_t Type;
@@ -47,6 +50,10 @@ typedef struct _ft_device_list_info_node {
 
 #if defined(_WIN32) && !defined(_WIN64)
 static_assert(sizeof(FT_DEVICE_LIST_INFO_NODE) == 100, "FT_DEVICE_LIST_INFO_NODE has the published 32-bit size");
+#endif
+#if defined(_WIN64)
+static_assert(sizeof(FT_DEVICE_LIST_INFO_NODE) == 104 && offsetof(FT_DEVICE_LIST_INFO_NODE, ftHandle) == 96,
+              "FT_DEVICE_LIST_INFO_NODE has the published 64-bit layout");
 #endif
 
 FT_STATUS FT_API FT_Close(FT_HANDLE ftHandle);

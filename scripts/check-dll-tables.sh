@@ -1,21 +1,34 @@
 #!/usr/bin/env bash
-# Checks the tables of the 32-bit Windows build with the cross binutils'
-# objdump, so that a wrong ordinal, a decorated name, a missing DATA record,
-# an import by name from FTD2XX.dll or a run-time DLL that slipped into the
-# imports fails the run loudly.
+# Checks the tables of a Windows build, 32-bit or 64-bit, with the cross
+# binutils' objdump, so that a wrong machine type, a wrong ordinal, a
+# decorated name, a missing DATA record, an import of FTD2XX.dll in the
+# wrong form or a run-time DLL that slipped into the imports fails the run
+# loudly.
 #
-#   scripts/check-dll-tables.sh <folder with winscard.dll, FTD2XX.dll and winscard_host.exe>
+#   scripts/check-dll-tables.sh <folder with winscard.dll, FTD2XX.dll and winscard_host.exe> [32|64]
 #
-# winscard.dll: module name WinScard.dll, exactly the 26 exports at their
-# ordinals, the three PCI records in a data section and every function in
-# the code section; imports from system DLLs and FTD2XX.dll only, the
-# latter by ordinal only and exactly the ten D2XX functions it uses.
+# winscard.dll: machine type x86 (32) or x86-64 (64), module name
+# WinScard.dll, exactly the 26 exports at their ordinals (the start-up
+# functions as _KickOff@0 and _CloseConnections@0 in the 32-bit build,
+# KickOff and CloseConnections in the 64-bit one), the three PCI records in
+# a data section and every function in the code section; imports from
+# system DLLs and FTD2XX.dll only, the latter exactly the ten D2XX functions
+# it uses: by ordinal only in the 32-bit build, by name only in the 64-bit
+# one.
 # FTD2XX.dll (the emulator): the D2XX functions at their ordinals, system
-# imports only. winscard_host.exe: system imports only.
+# imports only. winscard_host.exe and tools/rackscan.exe: the same machine
+# type, system imports only.
 set -euo pipefail
 
-dir=${1:?usage: check-dll-tables.sh <folder>}
-objdump=${OBJDUMP:-i686-w64-mingw32-objdump}
+dir=${1:?usage: check-dll-tables.sh <folder> [32|64]}
+bits=${2:-32}
+case "$bits" in
+  32) objdump=${OBJDUMP:-i686-w64-mingw32-objdump} format=pei-i386 magic='(PE32)' machine="32-bit x86"
+      kick_off=_KickOff@0 close_connections=_CloseConnections@0 ;;
+  64) objdump=${OBJDUMP:-x86_64-w64-mingw32-objdump} format=pei-x86-64 magic='(PE32+)' machine="64-bit x86-64"
+      kick_off=KickOff close_connections=CloseConnections ;;
+  *) echo "check-dll-tables: bits must be 32 or 64, not '$bits'" >&2; exit 2 ;;
+esac
 command -v "$objdump" >/dev/null || { echo "check-dll-tables: $objdump not found" >&2; exit 1; }
 
 failures=0
@@ -90,10 +103,10 @@ read_module() {  # file -> $work/<tag>.p and $work/<tag>.h
 
 check_machine() {  # tag label want_dll
   local tag=$1 label=$2 want_dll=$3
-  if grep -q 'file format pei-i386' "$work/$tag.p" && grep -q '(PE32)' "$work/$tag.p"; then
-    pass "$label is a 32-bit x86 PE image"
+  if grep -q "file format $format\$" "$work/$tag.p" && grep -qF "$magic" "$work/$tag.p"; then
+    pass "$label is a $machine PE image"
   else
-    fail "$label is not a 32-bit x86 PE image"
+    fail "$label is not a $machine PE image"
   fi
   if [ "$want_dll" = yes ]; then
     grep -qx $'\tDLL' "$work/$tag.p" && pass "$label is a DLL" || fail "$label is not marked as a DLL"
@@ -118,8 +131,8 @@ check_system_imports_only() {  # tag label [allowed extra dll]
 # --- winscard.dll ----------------------------------------------------------------
 
 expected_exports="1 SCardGetStatusChangeW code
-2 _CloseConnections@0 code
-3 _KickOff@0 code
+2 $close_connections code
+3 $kick_off code
 4 SCardBeginTransaction code
 5 SCardCancel code
 6 SCardConnectA code
@@ -180,20 +193,31 @@ if read_module "$dir/winscard.dll" ws; then
 
   imports "$work/ws.p" >"$work/ws.imports"
   check_system_imports_only ws winscard.dll FTD2XX.dll
-  for runtime in libstdc++-6.dll libgcc_s_dw2-1.dll libwinpthread-1.dll; do
+  for runtime in libstdc++-6.dll libgcc_s_dw2-1.dll libgcc_s_seh-1.dll libwinpthread-1.dll; do
     if grep -qi "^$runtime"$'\t' "$work/ws.imports"; then fail "winscard.dll imports the run-time $runtime"; fi
   done
   ftd=$(awk -F'\t' 'tolower($1) == "ftd2xx.dll"' "$work/ws.imports")
   if [ -z "$ftd" ]; then
     fail "winscard.dll does not import FTD2XX.dll"
   else
-    named=$(echo "$ftd" | awk -F'\t' '$3 != "<none>"')
-    [ -z "$named" ] && pass "FTD2XX.dll is imported by ordinal only" \
-      || fail "FTD2XX.dll functions imported by name: $(echo "$named" | cut -f3 | tr '\n' ' ')"
-    got=$(echo "$ftd" | cut -f2 | sort -n | tr '\n' ' ')
-    want="2 3 4 7 8 18 27 28 70 71 "
-    [ "$got" = "$want" ] && pass "FTD2XX.dll ordinals imported: $got" \
-      || fail "FTD2XX.dll ordinals imported are '$got', not '$want'"
+    if [ "$bits" = 32 ]; then
+      named=$(echo "$ftd" | awk -F'\t' '$3 != "<none>"')
+      [ -z "$named" ] && pass "FTD2XX.dll is imported by ordinal only" \
+        || fail "FTD2XX.dll functions imported by name: $(echo "$named" | cut -f3 | tr '\n' ' ')"
+      got=$(echo "$ftd" | cut -f2 | sort -n | tr '\n' ' ')
+      want="2 3 4 7 8 18 27 28 70 71 "
+      [ "$got" = "$want" ] && pass "FTD2XX.dll ordinals imported: $got" \
+        || fail "FTD2XX.dll ordinals imported are '$got', not '$want'"
+    else
+      # FTDI's 64-bit FTD2XX.dll is a build of its own: bound by name.
+      unnamed=$(echo "$ftd" | awk -F'\t' '$3 == "<none>"' | cut -f2 | tr '\n' ' ')
+      [ -z "$unnamed" ] && pass "FTD2XX.dll is imported by name only" \
+        || fail "FTD2XX.dll functions imported by ordinal: $unnamed"
+      got=$(echo "$ftd" | cut -f3 | sort | tr '\n' ' ')
+      want="FT_Close FT_CreateDeviceInfoList FT_GetDeviceInfoList FT_GetQueueStatus FT_ListDevices FT_OpenEx FT_Read FT_SetBaudRate FT_SetDataCharacteristics FT_Write "
+      [ "$got" = "$want" ] && pass "FTD2XX.dll functions imported: $got" \
+        || fail "FTD2XX.dll functions imported are '$got', not '$want'"
+    fi
   fi
 fi
 
@@ -228,6 +252,14 @@ echo "--- winscard_host.exe"
 if read_module "$dir/winscard_host.exe" host; then
   check_machine host winscard_host.exe no
   check_system_imports_only host winscard_host.exe
+fi
+
+# --- tools/rackscan.exe --------------------------------------------------------------
+
+echo "--- tools/rackscan.exe"
+if read_module "$dir/tools/rackscan.exe" scan; then
+  check_machine scan rackscan.exe no
+  check_system_imports_only scan rackscan.exe
 fi
 
 if [ "$failures" -ne 0 ]; then

@@ -12,6 +12,8 @@ native_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libclang-rt-14-dev
   g++-mingw-w64-i686 binutils-mingw-w64-i686
+  g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
+  zip unzip
 )
 
 missing=()
@@ -34,7 +36,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 # The Windows stage runs the 32-bit DLL under Wine, which needs the i386
-# architecture. Debian's security suite index for i386 can lag behind the
+# architecture (wine32), and the 64-bit DLL under wine64. Debian's security suite index for i386 can lag behind the
 # installed amd64 packages; ranking it below the main suite lets apt pick
 # matching versions from the main suite instead of failing on unmet deps.
 if [ "${SKIP_WINE:-0}" != 1 ]; then
@@ -47,10 +49,11 @@ if [ "${SKIP_WINE:-0}" != 1 ]; then
     printf 'Package: *\nPin: release l=Debian-Security\nPin-Priority: 400\n' | $SUDO tee "$prefs" >/dev/null
   fi
   if ! dpkg-query -W -f='${Status}' wine32:i386 2>/dev/null | grep -q 'install ok installed' \
+     || ! dpkg-query -W -f='${Status}' wine64 2>/dev/null | grep -q 'install ok installed' \
      || ! command -v wine >/dev/null; then
-    echo "install-deps: installing wine and wine32:i386"
+    echo "install-deps: installing wine, wine32:i386 and wine64"
     apt_update
-    $SUDO apt-get install -y -qq --no-install-recommends wine wine32:i386
+    $SUDO apt-get install -y -qq --no-install-recommends wine wine32:i386 wine64
   fi
 fi
 echo "install-deps: all packages present"

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# The Windows stage: checks the tables of the cross-built modules, then runs
-# the 32-bit test host under Wine against winscard.dll and the rack emulator
-# built as FTD2XX.dll.
+# The Windows stage: for each cross-built tree, checks the tables of its
+# modules, then runs its test host under Wine against winscard.dll and the
+# rack emulator built as FTD2XX.dll; the 32-bit build in a 32-bit prefix,
+# the 64-bit build in a 64-bit one.
 #
-#   scripts/test-wine.sh <build dir of the i686 mingw-w64 build>
+#   scripts/test-wine.sh [build dir...]     (default: build/win32 build/win64)
 #
-# Builds nothing: the build dir must already hold windows/winscard.dll,
+# Builds nothing: each build dir must already hold windows/winscard.dll,
 # windows/FTD2XX.dll and windows/winscard_host.exe. Every run gets a Wine
 # prefix of its own under build/, removed at the end (KEEP_WINE_PREFIX=1
 # keeps it for a look at the log). Every step is bounded by a time-out, so
@@ -14,58 +15,42 @@ set -euo pipefail
 
 cd "$(dirname "$0")/.."
 root=$(pwd)
-build=${1:?usage: test-wine.sh <build dir>}
-case "$build" in /*) ;; *) build="$root/$build" ;; esac
-modules="$build/windows"
+if [ $# -eq 0 ]; then set -- build/win32 build/win64; fi
 
-echo "--- tables of the modules (objdump)"
-bash "$root/scripts/check-dll-tables.sh" "$modules"
-
-for tool in wine wineboot wineserver timeout; do
+for tool in wine wineboot wineserver timeout od; do
   command -v "$tool" >/dev/null || { echo "test-wine: $tool not found (scripts/install-deps.sh installs Wine)" >&2; exit 1; }
 done
 
-mkdir -p "$root/build"
-prefix=$(mktemp -d "$root/build/wine-prefix.XXXXXX")
-export WINEPREFIX="$prefix"
-# A 32-bit prefix for 32-bit programs. Wine has a winscard of its own:
-# ours is forced (n = native). No Gecko or Mono: without their DLLs Wine
-# does not offer to install them. No debug channels, no display needed.
-export WINEARCH=win32
+# Wine has a winscard of its own: ours is forced (n = native). No Gecko or
+# Mono: without their DLLs Wine does not offer to install them. No debug
+# channels, no display needed.
 export WINEDLLOVERRIDES="winscard=n;mscoree,mshtml="
 export WINEDEBUG=-all
 unset DISPLAY WAYLAND_DISPLAY
 
+# 32 or 64, from the machine field of a PE image's header.
+pe_bits() {
+  local header machine
+  header=$(od -An -tu4 -j60 -N4 "$1" | tr -d ' ')
+  machine=$(od -An -tx2 -j$((header + 4)) -N2 "$1" | tr -d ' ')
+  case "$machine" in 014c) echo 32 ;; 8664) echo 64 ;; *) echo unknown ;; esac
+}
+
+failures=0
+summaries=()
+prefix=
 cleanup() {
+  [ -n "$prefix" ] || return 0
   # Only the server of this run's own prefix is stopped.
-  timeout 30 wineserver -k >/dev/null 2>&1 || true
+  WINEPREFIX="$prefix" timeout 30 wineserver -k >/dev/null 2>&1 || true
   if [ "${KEEP_WINE_PREFIX:-0}" = 1 ]; then
     echo "test-wine: prefix kept at $prefix"
   else
     rm -rf "$prefix"
   fi
+  prefix=
 }
 trap cleanup EXIT
-
-echo "--- Wine prefix $prefix"
-wine --version
-if ! timeout 300 wineboot --init >"$prefix.boot.log" 2>&1; then
-  echo "test-wine: wineboot failed or took more than 300 s:" >&2
-  cat "$prefix.boot.log" >&2
-  rm -f "$prefix.boot.log"
-  exit 1
-fi
-rm -f "$prefix.boot.log"
-
-# One folder for the host and both DLLs: the loader finds FTD2XX.dll beside
-# winscard.dll, and the host loads both from its own folder.
-run_dir="$prefix/drive_c/tessel"
-mkdir -p "$run_dir"
-cp "$modules/winscard.dll" "$modules/FTD2XX.dll" "$modules/winscard_host.exe" "$run_dir/"
-log_file="$prefix/drive_c/users/Public/Documents/QuorvaneDLL.log"
-
-failures=0
-summaries=()
 
 run_host() {  # label, host arguments...
   local label=$1
@@ -110,16 +95,57 @@ no_bare_line_feed() {
 links_closed_at_exit() { [ "$(grep -c 'Disconnecting from card rack' "$log_file")" -eq 2 ]; }
 log_not_elsewhere() { [ -z "$(find "$prefix/drive_c" -name QuorvaneDLL.log ! -path "$log_file")" ]; }
 
-run_host "full session"
-log_check "the log is in the prefix's public documents folder" test -s "$log_file"
-if [ -s "$log_file" ]; then
-  log_check "the log's first line is the banner" first_line_has_banner
-  log_check "every line of the log ends in CR LF" no_bare_line_feed
-  log_check "at process end the entry function closed both racks' links" links_closed_at_exit
-  log_check "no log file anywhere else in the prefix" log_not_elsewhere
-fi
+run_build() {  # build dir
+  local build=$1
+  case "$build" in /*) ;; *) build="$root/$build" ;; esac
+  local modules="$build/windows"
+  if [ ! -f "$modules/winscard.dll" ]; then
+    echo "FAIL: $modules/winscard.dll is missing (build it first, see docs/windows.md)"
+    failures=$((failures + 1))
+    summaries+=("$build: not built")
+    return
+  fi
+  local bits
+  bits=$(pe_bits "$modules/winscard.dll")
 
-run_host "no racks" no-racks
+  echo
+  echo "=== $bits-bit build: $build"
+  echo "--- tables of the modules (objdump)"
+  if ! bash "$root/scripts/check-dll-tables.sh" "$modules" "$bits"; then failures=$((failures + 1)); fi
+
+  mkdir -p "$root/build"
+  prefix=$(mktemp -d "$root/build/wine-prefix.XXXXXX")
+  export WINEPREFIX="$prefix" WINEARCH=win$bits
+  echo "--- Wine prefix $prefix ($WINEARCH)"
+  wine --version
+  if ! timeout 300 wineboot --init >"$prefix.boot.log" 2>&1; then
+    echo "FAIL: wineboot failed or took more than 300 s:"
+    cat "$prefix.boot.log"
+    rm -f "$prefix.boot.log"
+    failures=$((failures + 1))
+    cleanup
+    return
+  fi
+  rm -f "$prefix.boot.log"
+
+  # One folder for the host and both DLLs: the loader finds FTD2XX.dll
+  # beside winscard.dll, and the host loads both from its own folder.
+  mkdir -p "$prefix/drive_c/tessel"
+  cp "$modules/winscard.dll" "$modules/FTD2XX.dll" "$modules/winscard_host.exe" "$prefix/drive_c/tessel/"
+  log_file="$prefix/drive_c/users/Public/Documents/QuorvaneDLL.log"
+
+  run_host "$bits-bit host"
+  log_check "the log is in the prefix's public documents folder" test -s "$log_file"
+  if [ -s "$log_file" ]; then
+    log_check "the log's first line is the banner" first_line_has_banner
+    log_check "every line of the log ends in CR LF" no_bare_line_feed
+    log_check "at process end the entry function closed both racks' links" links_closed_at_exit
+    log_check "no log file anywhere else in the prefix" log_not_elsewhere
+  fi
+  cleanup
+}
+
+for build in "$@"; do run_build "$build"; done
 
 echo
 echo "--- Wine stage summary"

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The whole test run: installs what is missing, builds natively and runs
 # the suite, builds the product with clang's thread-safety analysis,
-# cross-builds it for 32-bit Windows, runs the suite
-# again under AddressSanitizer+UBSan and under ThreadSanitizer, and runs
-# the Windows stage under Wine. Each stage prints its own summary.
+# cross-builds it for 32-bit and 64-bit Windows and runs the Windows stage
+# under Wine, then runs the suite again under AddressSanitizer+UBSan and
+# under ThreadSanitizer. Each stage prints its own summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -29,9 +29,14 @@ cmake -S . -B build/win32 -G Ninja -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-i686-mingw.cmake" >/dev/null
 cmake --build build/win32 -j "$jobs"
 
+stage "64-bit Windows cross-build"
+cmake -S . -B build/win64 -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-x86_64-mingw.cmake" >/dev/null
+cmake --build build/win64 -j "$jobs"
+
 if [ -x scripts/test-wine.sh ]; then
   stage "Windows stage under Wine"
-  bash scripts/test-wine.sh build/win32
+  bash scripts/test-wine.sh build/win32 build/win64
 fi
 
 stage "AddressSanitizer + UndefinedBehaviorSanitizer"
