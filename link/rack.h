@@ -7,11 +7,13 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 
 #include "link/growing_list.h"
 #include "link/rack_frame.h"
 #include "platform/d2xx.h"
+#include "platform/device_event.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
 
@@ -112,6 +114,10 @@ private:
     void receiveSeveralFrames();
     uint32_t bytesToRead(uint32_t waiting) const;
     void parseWhatIsHeld();
+    // The fast link (fast_link.h): set up at open; the receive loop's wait
+    // between polls, on the device's event while there is one.
+    void setUpFastLink();
+    void pauseBetweenPolls(uint32_t pollMs);
 
     // Several threads change the send queue: a short guard of its own,
     // never held across a write to the device.
@@ -119,4 +125,6 @@ private:
     std::atomic<bool> stopRequested_{false};
     // The link is closed once, by close() at unload or by the stop path.
     std::atomic<bool> linkClosed_{false};
+    // Signalled by the device when bytes arrive; null without the fast link.
+    std::unique_ptr<platform::DeviceEvent> receiveEvent_;
 };

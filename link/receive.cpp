@@ -27,7 +27,7 @@ void Rack::receiveLoop()
     lastRxTime = platform::wallClockMs();
     uint32_t waiting = 0;
     while (!stopping()) {
-        platform::pauseMs(kPollMs);
+        pauseBetweenPolls(kPollMs);
         int64_t now = platform::wallClockMs();
 
         bool quietTooLong = now - lastRxTime > kWatchdogMs && expectedLength != 0 && rxMsgLastIndexOf != 0 &&
