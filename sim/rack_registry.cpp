@@ -134,7 +134,7 @@ FT_STATUS hostQueueStatus(FT_HANDLE handle, uint32_t* waiting)
     return FT_OK;
 }
 
-// The chip takes 2 to 255 ms; FTDI's drivers take 1 as well.
+// A timer of 0 ms is refused; 1 to 255 are taken.
 FT_STATUS hostSetLatencyTimer(FT_HANDLE handle, uint8_t milliseconds)
 {
     Lock lock(registry().mutex);
