@@ -5,12 +5,14 @@
 // them. Everything runs in real time. Prints the tables, and writes
 // report.md and exchanges.svg into the output folder. Asserts nothing.
 //
-//   pcsc_bench [--out DIR] [--quick] [--latency-timer MS]...
+//   pcsc_bench [--out DIR] [--quick] [--latency-timer MS]... [--links-only]
 //
 // The library leaves the chip's latency timer as the device driver has it:
 // 16 ms unless the driver was tuned. Each --latency-timer (1 to 255 ms,
 // default one run at 16) runs the whole benchmark once with the emulated
-// driver set so, and the report sets the runs side by side.
+// driver set so, and the report sets the runs side by side. Last come three
+// links side by side: the driver's default, a driver tuned to 2 ms and the
+// fast link (--links-only runs just those).
 #include <pthread.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -710,6 +712,7 @@ struct Settings {
     std::string out = "build/bench";
     bool quick = false;
     std::vector<double> timersMs;  // one run each
+    bool linksOnly = false;        // only the three links side by side
 };
 
 std::string hostLine()
@@ -1208,6 +1211,131 @@ std::string plot(const std::vector<Run>& runs)
     return svgPlot(panels, "Exchanges per second against concurrent slots, wire pacing on");
 }
 
+// ---- The fast link beside the driver's settings ---------------------------
+//
+// Three links side by side on one rack of 64 slots: the driver's default
+// latency timer, a driver tuned to 2 ms, and the fast link
+// (TESSEL_FAST_LINK), which sets the timer itself and wakes the receive
+// thread on received bytes instead of every 5 ms.
+
+constexpr double kTunedTimerMs = 2.0;
+constexpr int kFastLinkTimerMs = 2;
+
+struct LinkSetting {
+    std::string label;
+    double driverTimerMs = kDefaultTimerMs;
+    int fastLinkTimerMs = 0;  // 0: the fast link is off
+
+    // The latency timer in force on the device.
+    double timerMs() const { return fastLinkTimerMs > 0 ? fastLinkTimerMs : driverTimerMs; }
+    // What the emulated device allows: the fast link sees bytes the moment
+    // they are readable, the plain link at its next 5 ms pass.
+    double deviceRate(const Shape& shape, int threads) const
+    {
+        return shape.cycleRate(threads, timerMs(), fastLinkTimerMs > 0 ? 0 : kReceivePollMs);
+    }
+};
+
+struct LinkMeasurement {
+    LinkSetting setting;
+    Latency latency;
+    std::vector<Throughput> runs;  // short exchanges at 16 and 64 slots
+};
+
+// The setting is read when the library opens a device: set it before the
+// bring-up, and read afresh.
+void applyFastLinkSetting(int timerMs)
+{
+    if (timerMs > 0)
+        setenv("TESSEL_FAST_LINK", std::to_string(timerMs).c_str(), 1);
+    else
+        unsetenv("TESSEL_FAST_LINK");
+    platform::testing::rereadSettings();
+}
+
+LinkMeasurement measureLink(const LinkSetting& setting, const Workload& w,
+                            const std::function<void(const std::string&)>& progress)
+{
+    LinkMeasurement m;
+    m.setting = setting;
+    applyFastLinkSetting(setting.fastLinkTimerMs);
+    progress(setting.label + ": bring-up of 64 slots");
+    Rig rig;
+    startRack(rig, "LINK064", 64, setting.driverTimerMs);
+    std::vector<SCARDHANDLE> handles = connectAll(rig, 64);
+    progress(setting.label + ": one exchange at a time");
+    m.latency = measureLatency(handles[0], w.shortShape, kShortCommand, w.shortRounds);
+    for (int n : {16, 64}) {
+        progress(setting.label + ": short exchanges, " + std::to_string(n) + " threads");
+        m.runs.push_back(measureThroughput(handles, w.shortShape, kShortCommand, n, w.window, w.warm));
+    }
+    stopRack();
+    applyFastLinkSetting(0);
+    return m;
+}
+
+std::vector<LinkMeasurement> compareLinks(const Workload& w, const std::function<void(const std::string&)>& progress)
+{
+    const std::vector<LinkSetting> settings{
+        {"driver default (16 ms)", kDefaultTimerMs, 0},
+        {fmt("driver tuned (%g ms)", kTunedTimerMs), kTunedTimerMs, 0},
+        {fmt("fast link (%d ms)", kFastLinkTimerMs), kDefaultTimerMs, kFastLinkTimerMs},
+    };
+    std::vector<LinkMeasurement> measured;
+    for (const LinkSetting& setting : settings) measured.push_back(measureLink(setting, w, progress));
+    return measured;
+}
+
+std::string linkComparisonReport(const std::vector<LinkMeasurement>& links)
+{
+    std::ostringstream r;
+    r << "## The fast link beside the driver's settings\n\n";
+    r << "One rack of 64 slots, short exchanges (5-byte command, 2-byte answer). *Device* is the model's figure for "
+         "the link: the wire each way, one message at a time, the latency timer in force, and the 5 ms receive "
+         "poll, or for the fast link a wake-up the moment bytes are readable. *Bus* is the wire alone.\n\n";
+    r << "| Link | Slots | Exchanges/s | Device | Share of device | Bus | Share of bus | CPU ms per exchange |\n";
+    r << "|---|---|---|---|---|---|---|---|\n";
+    for (const LinkMeasurement& m : links)
+        for (const Throughput& t : m.runs) {
+            double device = m.setting.deviceRate(t.shape, t.threads);
+            double bus = t.shape.busRate(t.threads);
+            r << "| " << m.setting.label << " | " << t.threads << " | " << fmt("%.0f", t.rate) << " | "
+              << fmt("%.0f", device) << " | " << fmt("%.0f%%", t.rate / device * 100.0) << " | " << fmt("%.0f", bus)
+              << " | " << fmt("%.0f%%", t.rate / bus * 100.0) << " | " << fmt("%.3f", t.processCpuMs) << " |\n";
+        }
+    r << "\n| Link | Median round trip | Wire | Wire + 3 ms | CPU ms per exchange |\n|---|---|---|---|---|\n";
+    for (const LinkMeasurement& m : links) {
+        double wire = m.latency.shape.roundTripMs(0);
+        r << "| " << m.setting.label << " | " << fmt("%.2f ms", percentile(m.latency.samples, 0.5)) << " | "
+          << fmt("%.2f ms", wire) << " | " << fmt("%.2f ms", wire + 3.0) << " | "
+          << fmt("%.3f", m.latency.processCpuMs) << " |\n";
+    }
+
+    if (links.size() == 3) {
+        const LinkMeasurement& base = links[0];
+        const LinkMeasurement& fast = links[2];
+        r << "\n| Fast link target | Slots | Measured | Limit | Verdict |\n|---|---|---|---|---|\n";
+        for (size_t i = 0; i < fast.runs.size() && i < base.runs.size(); ++i) {
+            const Throughput& t = fast.runs[i];
+            double device = fast.setting.deviceRate(t.shape, t.threads);
+            r << "| 90% of the device figure | " << t.threads << " | " << fmt("%.0f/s", t.rate) << " | "
+              << fmt("%.0f/s", 0.9 * device) << " | " << verdict(t.rate >= 0.9 * device) << " |\n";
+            r << "| 5x the driver default | " << t.threads << " | " << fmt("%.0f/s", t.rate) << " | "
+              << fmt("%.0f/s", 5.0 * base.runs[i].rate) << " | " << verdict(t.rate >= 5.0 * base.runs[i].rate)
+              << " |\n";
+            r << "| CPU per exchange not above the default's | " << t.threads << " | "
+              << fmt("%.3f ms", t.processCpuMs) << " | " << fmt("%.3f ms", base.runs[i].processCpuMs) << " | "
+              << verdict(t.processCpuMs <= base.runs[i].processCpuMs) << " |\n";
+        }
+        double wire = fast.latency.shape.roundTripMs(0);
+        double median = percentile(fast.latency.samples, 0.5);
+        r << "| median round trip within wire + 3 ms | 1 | " << fmt("%.2f ms", median) << " | "
+          << fmt("%.2f ms", wire + 3.0) << " | " << verdict(median <= wire + 3.0) << " |\n";
+    }
+    r << "\n";
+    return r.str();
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -1217,6 +1345,7 @@ int main(int argc, char** argv)
         std::string arg = argv[i];
         if (arg == "--out" && i + 1 < argc) settings.out = argv[++i];
         else if (arg == "--quick") settings.quick = true;
+        else if (arg == "--links-only") settings.linksOnly = true;
         else if (arg == "--latency-timer" && i + 1 < argc) {
             char* end = nullptr;
             long ms = std::strtol(argv[++i], &end, 10);
@@ -1226,7 +1355,7 @@ int main(int argc, char** argv)
             }
             settings.timersMs.push_back(static_cast<double>(ms));
         } else {
-            std::fprintf(stderr, "usage: %s [--out DIR] [--quick] [--latency-timer MS]...\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--out DIR] [--quick] [--latency-timer MS]... [--links-only]\n", argv[0]);
             return 2;
         }
     }
@@ -1274,17 +1403,22 @@ int main(int argc, char** argv)
 
     std::vector<Run> runs;
     for (double timer : settings.timersMs) {
+        if (settings.linksOnly) break;
         Run run;
         run.timerMs = timer;
         runOne(run, w, progress);
         runs.push_back(run);
     }
+    std::vector<LinkMeasurement> links = compareLinks(w, progress);
     std::remove(g_benchLog.c_str());
     progress("done");
 
-    std::string text = report(runs, settings, w, traces, when, host, msSince(runStart) / 1000.0);
+    std::string text = settings.linksOnly ? "# The fast link beside the driver's settings\n\nRun of " + std::string(when) +
+                                                ", " + host + (settings.quick ? ", quick mode" : "") + ".\n\n"
+                                          : report(runs, settings, w, traces, when, host, msSince(runStart) / 1000.0);
+    text += linkComparisonReport(links);
     std::printf("%s", text.c_str());
-    std::string svg = plot(runs);
+    std::string svg = runs.empty() ? std::string() : plot(runs);
 
     std::string mkdir = "mkdir -p '" + settings.out + "'";
     if (std::system(mkdir.c_str()) != 0) {
@@ -1292,7 +1426,7 @@ int main(int argc, char** argv)
         return 1;
     }
     std::ofstream(settings.out + "/report.md") << text;
-    std::ofstream(settings.out + "/exchanges.svg") << svg;
+    if (!svg.empty()) std::ofstream(settings.out + "/exchanges.svg") << svg;
     std::fprintf(stderr, "wrote %s/report.md and %s/exchanges.svg\n", settings.out.c_str(), settings.out.c_str());
     return 0;
 }

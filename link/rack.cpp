@@ -28,6 +28,7 @@ Rack::~Rack()
 void Rack::stopWorkers()
 {
     stopRequested_.store(true, std::memory_order_release);
+    if (receiveEvent_) receiveEvent_->wake();
     workers_[0].join();
     workers_[1].join();
 }
@@ -54,10 +55,12 @@ FT_STATUS Rack::open(const char* serialNumber)
         return status;
     }
     // Only the line settings: flow control, time-outs, the latency timer
-    // and the buffers stay as the device driver leaves them.
+    // and the buffers stay as the device driver leaves them, unless the
+    // fast link is asked for.
     FT_SetBaudRate(ftHandle, 115200);
     FT_SetDataCharacteristics(ftHandle, 8, 0, 0);
     logWrite("connect\n");
+    setUpFastLink();
     return FT_OK;
 }
 

@@ -7,12 +7,14 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 
 #include "link/frame_assembler.h"
 #include "link/growing_list.h"
 #include "link/rack_frame.h"
 #include "platform/d2xx.h"
+#include "platform/device_event.h"
 #include "platform/sync.h"
 #include "platform/thread_safety.h"
 #include "platform/thread.h"
@@ -97,6 +99,10 @@ private:
     // to stop, so that the stop path never waits out a long pause.
     void workerPause(uint32_t milliseconds);
     bool sendQueueEmpty() EXCLUDES(sendQueueGuard_);
+    // The fast link (fast_link.h): set up at open; the receive loop's wait
+    // between polls, on the device's event while there is one.
+    void setUpFastLink();
+    void pauseBetweenPolls(uint32_t pollMs);
 
     // Several threads change the send queue: a short guard of its own,
     // never held across a write to the device. It also keeps a turn, the
@@ -115,4 +121,6 @@ private:
     std::atomic<bool> stopRequested_{false};
     // The link is closed once, by close() at unload or by the stop path.
     std::atomic<bool> linkClosed_{false};
+    // Signalled by the device when bytes arrive; null without the fast link.
+    std::unique_ptr<platform::DeviceEvent> receiveEvent_;
 };

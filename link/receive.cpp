@@ -17,7 +17,7 @@ void Rack::receiveLoop()
 {
     assembler.linkSeen(platform::wallClockMs());
     while (!stopping()) {
-        platform::pauseMs(kPollMs);
+        pauseBetweenPolls(kPollMs);
         receivePass(platform::wallClockMs());
     }
 }

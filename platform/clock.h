@@ -12,6 +12,10 @@ namespace platform {
 // semantics of the system's Sleep).
 void pauseMs(uint32_t milliseconds);
 
+// How long a pause of `milliseconds` lasts, in microseconds of real time:
+// for waits that the system times itself, such as a wait on an event.
+int64_t pauseLengthUs(uint32_t milliseconds);
+
 // Milliseconds since the system started, unsigned 32 bits; wraps after
 // about 49.7 days (the semantics of timeGetTime).
 uint32_t tickCount();

@@ -8,6 +8,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#ifndef _WIN32
+#include <pthread.h>
+#endif
+
 #ifdef _WIN32
 #define FT_API __stdcall
 #else
@@ -55,6 +59,27 @@ static_assert(sizeof(FT_DEVICE_LIST_INFO_NODE) == 100, "FT_DEVICE_LIST_INFO_NODE
 static_assert(sizeof(FT_DEVICE_LIST_INFO_NODE) == 104 && offsetof(FT_DEVICE_LIST_INFO_NODE, ftHandle) == 96,
               "FT_DEVICE_LIST_INFO_NODE has the published 64-bit layout");
 #endif
+
+// FT_SetEventNotification's mask bit: characters have been received.
+enum : uint32_t {
+    FT_EVENT_RXCHAR = 1,
+};
+
+#ifndef _WIN32
+// What FT_SetEventNotification takes on Linux instead of an event handle:
+// the library signals the condition under the mutex when its mask is met.
+typedef struct _EVENT_HANDLE {
+    pthread_cond_t eCondVar;
+    pthread_mutex_t eMutex;
+    int iVar;
+} EVENT_HANDLE;
+#endif
+
+// Functions that not every version of the D2XX library has. The library
+// never imports them: it looks them up by name at run time
+// (platform/d2xx_optional.h), so that the import table keeps its ordinals.
+typedef FT_STATUS(FT_API* FT_SetLatencyTimerFunction)(FT_HANDLE ftHandle, uint8_t ucLatency);
+typedef FT_STATUS(FT_API* FT_SetEventNotificationFunction)(FT_HANDLE ftHandle, uint32_t Mask, void* Param);
 
 FT_STATUS FT_API FT_Close(FT_HANDLE ftHandle);
 FT_STATUS FT_API FT_Read(FT_HANDLE ftHandle, void* lpBuffer, uint32_t dwBytesToRead, uint32_t* lpBytesReturned);

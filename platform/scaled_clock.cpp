@@ -40,6 +40,12 @@ void pauseMs(uint32_t milliseconds)
     os::sleepMicroseconds(static_cast<int64_t>(milliseconds) * 1000 / scale);
 }
 
+int64_t pauseLengthUs(uint32_t milliseconds)
+{
+    uint32_t scale = g_scale.load(std::memory_order_relaxed);
+    return static_cast<int64_t>(milliseconds) * 1000 / (scale <= 1 ? 1 : scale);
+}
+
 uint32_t tickCount()
 {
     uint32_t scale = g_scale.load(std::memory_order_relaxed);

@@ -23,4 +23,17 @@ void setTickOffset(uint32_t offsetMs);
 // platform's own place.
 void setLogFilePath(const std::string& path);
 
+// Makes the library read its settings (TESSEL_*) again at their next use,
+// as it does once at load. Call it while no library thread is running.
+void rereadSettings();
+
+// Makes every wait on a device's receive event last this long unless the
+// device signals (0: as long as the library asks), so that a test can tell
+// a wake by the device from the fallback poll.
+void setDeviceEventWaitMs(uint32_t milliseconds);
+
+// Makes the run-time lookups of D2XX functions that not every D2XX
+// library has find nothing, as with such a library (false: look again).
+void hideOptionalD2xxFunctions(bool hidden);
+
 }  // namespace platform::testing

@@ -147,6 +147,15 @@ run_build() {  # build dir
 
 for build in "$@"; do run_build "$build"; done
 
+# The same session on the fast link: the latency timer set and the receive
+# thread woken through FTD2XX.dll's functions found by name.
+TESSEL_FAST_LINK=2 run_host "full session, fast link"
+fast_link_on() {
+  [ "$(grep -c 'Fast link: latency timer 2 ms' "$log_file")" -eq 2 ] &&
+    [ "$(grep -c 'Fast link: woken by received bytes' "$log_file")" -eq 2 ]
+}
+log_check "the fast link wakes both racks' receive threads by their events" fast_link_on
+
 echo
 echo "--- Wine stage summary"
 for line in "${summaries[@]}"; do echo "  $line"; done

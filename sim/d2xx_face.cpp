@@ -14,6 +14,9 @@
 
 extern "C" {
 
+D2XX_EXPORT FT_STATUS FT_API FT_SetLatencyTimer(FT_HANDLE ftHandle, uint8_t ucLatency);
+D2XX_EXPORT FT_STATUS FT_API FT_SetEventNotification(FT_HANDLE ftHandle, uint32_t Mask, void* Param);
+
 D2XX_EXPORT FT_STATUS FT_API FT_Close(FT_HANDLE ftHandle) { return racksim::hostClose(ftHandle); }
 
 D2XX_EXPORT FT_STATUS FT_API FT_Read(FT_HANDLE ftHandle, void* lpBuffer, uint32_t dwBytesToRead,
@@ -42,6 +45,17 @@ D2XX_EXPORT FT_STATUS FT_API FT_SetDataCharacteristics(FT_HANDLE ftHandle, uint8
 D2XX_EXPORT FT_STATUS FT_API FT_GetQueueStatus(FT_HANDLE ftHandle, uint32_t* dwRxBytes)
 {
     return racksim::hostQueueStatus(ftHandle, dwRxBytes);
+}
+
+// Not every D2XX library has these two; the library finds them by name.
+D2XX_EXPORT FT_STATUS FT_API FT_SetLatencyTimer(FT_HANDLE ftHandle, uint8_t ucLatency)
+{
+    return racksim::hostSetLatencyTimer(ftHandle, ucLatency);
+}
+
+D2XX_EXPORT FT_STATUS FT_API FT_SetEventNotification(FT_HANDLE ftHandle, uint32_t Mask, void* Param)
+{
+    return racksim::hostSetEventNotification(ftHandle, Mask, Param);
 }
 
 D2XX_EXPORT FT_STATUS FT_API FT_OpenEx(void* pArg1, uint32_t Flags, FT_HANDLE* pHandle)

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "sim/rx_event.h"
+
 namespace racksim {
 
 namespace {
@@ -52,6 +54,10 @@ void RackDevice::open(Nanos now)
     inLineFreeAt_ = 0;
     parser_.clear();
     line_.clear();
+    line_.setLatencyTimer(driverLatencyTimer_);
+    eventMask_ = 0;
+    eventParameter_ = nullptr;
+    signalledBytes_ = 0;
     busSlot_ = 0;
     busAnswered_ = true;
     baud_ = 0;
@@ -61,7 +67,11 @@ void RackDevice::open(Nanos now)
 
 void RackDevice::close()
 {
+    // The watcher looks once more, finds nothing to watch and ends.
+    if (eventArmed()) wakeEventWatcher();
     open_ = false;
+    eventMask_ = 0;
+    eventParameter_ = nullptr;
     inbound_.clear();
     parser_.clear();
     line_.clear();
@@ -83,6 +93,7 @@ bool RackDevice::write(const uint8_t* bytes, size_t count, Nanos now)
     }
     if (paced_ && count > 0) inLineFreeAt_ = inbound_.back().arrivesAt;
     advance(now);
+    if (eventArmed()) wakeEventWatcher();
     return true;
 }
 
@@ -98,6 +109,9 @@ size_t RackDevice::read(uint8_t* out, size_t count, Nanos now)
     size_t n = std::min(queued(now), count);
     n = line_.take(out, n, [&](int source, bool wholeFrame) { delivered(source, wholeFrame, now); });
     counters_[RACKSIM_BYTES_TO_HOST] += static_cast<long long>(n);
+    signalledBytes_ = n < signalledBytes_ ? signalledBytes_ - n : 0;
+    // Bytes left behind, or held back one at a time, are news again.
+    if (eventArmed()) wakeEventWatcher();
     return n;
 }
 
@@ -290,6 +304,37 @@ void RackDevice::send(Nanos at, Bytes bytes, int source, bool wholeFrame, bool c
     chunk.wholeFrame = wholeFrame;
     chunk.commandAnswer = commandAnswer;
     line_.schedule(at, std::move(chunk));
+    if (eventArmed()) wakeEventWatcher();
+}
+
+void RackDevice::setLatencyTimer(Nanos timer)
+{
+    driverLatencyTimer_ = timer;
+    line_.setLatencyTimer(timer);
+}
+
+void RackDevice::setEventNotification(uint32_t mask, void* parameter)
+{
+    eventMask_ = mask;
+    eventParameter_ = parameter;
+    signalledBytes_ = 0;
+    if (eventArmed()) wakeEventWatcher();
+}
+
+Nanos RackDevice::notifyIfReadable(Nanos now)
+{
+    if (!eventArmed()) return kNever;
+    size_t readable = queued(now);
+    if (readable > signalledBytes_) {
+        signalledBytes_ = readable;
+        ++counters_[RACKSIM_EVENTS_SIGNALLED];
+        signalEvent(eventParameter_);
+    }
+    Nanos next = std::min(inbound_.empty() ? kNever : inbound_.front().arrivesAt, line_.nextScheduled());
+    next = std::min(next, line_.nextHandOver(now, paced_));
+    // Coalesced bytes are let go by their age, which no schedule shows.
+    if (coalesce_) next = std::min(next, now + kCoalesceLimit / 10);
+    return next;
 }
 
 void RackDevice::delivered(int source, bool wholeFrame, Nanos now)

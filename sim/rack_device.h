@@ -22,7 +22,7 @@
 namespace racksim {
 
 constexpr int kSlotCount = 240;
-constexpr int kCounterCount = 9;
+constexpr int kCounterCount = 10;
 
 struct WireLogEntry {
     Bytes bytes;
@@ -78,7 +78,18 @@ public:
     void setDeviceFault(int fault, bool on);
     void injectBytes(const uint8_t* bytes, size_t count, Nanos now);
     void setWireRealism(bool on) { paced_ = on; }
-    void setLatencyTimer(Nanos timer) { line_.setLatencyTimer(timer); }
+    // The latency timer as the driver sets it for every open, and as the
+    // host sets it for this open (FT_SetLatencyTimer).
+    void setLatencyTimer(Nanos timer);
+    void hostSetLatencyTimer(Nanos timer) { line_.setLatencyTimer(timer); }
+    Nanos latencyTimer() const { return line_.latencyTimer(); }
+
+    // The host's receive event (FT_SetEventNotification); see rx_event.h.
+    void setEventNotification(uint32_t mask, void* parameter);
+    // Signals the event if bytes have become readable since it was last
+    // signalled; returns the next moment worth another look.
+    Nanos notifyIfReadable(Nanos now);
+    bool eventArmed() const { return open_ && eventMask_ != 0 && eventParameter_ != nullptr; }
     const std::vector<WireLogEntry>& wireLog() const { return wireLog_; }
     void clearWireLog();
     long long counter(int which) const { return counters_[which]; }
@@ -115,6 +126,11 @@ private:
     bool silentCollected_ = false;
     uint32_t baud_ = 0;
     int wordLength_ = 0, stopBits_ = 0, parity_ = 0;
+
+    Nanos driverLatencyTimer_ = kLatencyTimer;
+    uint32_t eventMask_ = 0;
+    void* eventParameter_ = nullptr;
+    size_t signalledBytes_ = 0;  // readable bytes the last signal told of
 
     std::deque<InByte> inbound_;
     Nanos inLineFreeAt_ = 0;

@@ -74,6 +74,17 @@ size_t RackLine::readable(Nanos now, bool coalesce)
     return released_;
 }
 
+Nanos RackLine::nextHandOver(Nanos now, bool paced) const
+{
+    if (flushed_ >= bytes_.size()) return kNever;
+    Nanos first = bytes_[flushed_].atChip;
+    if (first > now || !paced) return first;
+    // A packet leaves when it is full or when the timer runs out.
+    Nanos at = first + latencyTimer_;
+    if (bytes_.size() - flushed_ >= kPacketPayload) at = std::min(at, bytes_[flushed_ + kPacketPayload - 1].atChip);
+    return at;
+}
+
 void RackLine::clear()
 {
     scheduled_.clear();

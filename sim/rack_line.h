@@ -78,6 +78,12 @@ public:
 
     // The chip's latency timer, as the device driver has it set.
     void setLatencyTimer(Nanos timer) { latencyTimer_ = timer; }
+    Nanos latencyTimer() const { return latencyTimer_; }
+
+    // The next moment after `now` at which flush() may hand bytes over
+    // (kNever while nothing is on its way), so that a watcher can sleep
+    // until then.
+    Nanos nextHandOver(Nanos now, bool paced) const;
 
     // Forgets chunks not yet on the line (the rack dropped its work).
     void dropScheduled() { scheduled_.clear(); }

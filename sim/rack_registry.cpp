@@ -134,6 +134,30 @@ FT_STATUS hostQueueStatus(FT_HANDLE handle, uint32_t* waiting)
     return FT_OK;
 }
 
+// A timer of 0 ms is refused; 1 to 255 are taken.
+FT_STATUS hostSetLatencyTimer(FT_HANDLE handle, uint8_t milliseconds)
+{
+    Lock lock(registry().mutex);
+    RackDevice* device = byHandle(handle);
+    if (!device) return FT_INVALID_HANDLE;
+    if (milliseconds < 1) return FT_INVALID_PARAMETER;
+    Nanos now = clockNow();
+    device->advance(now);
+    device->hostSetLatencyTimer(static_cast<Nanos>(milliseconds) * kMillisecond);
+    return FT_OK;
+}
+
+FT_STATUS hostSetEventNotification(FT_HANDLE handle, uint32_t mask, void* parameter)
+{
+    Lock lock(registry().mutex);
+    RackDevice* device = byHandle(handle);
+    if (!device) return FT_INVALID_HANDLE;
+    // Only received characters are modelled; a mask without them, or no
+    // event, stops the notification.
+    device->setEventNotification(mask & FT_EVENT_RXCHAR, parameter);
+    return FT_OK;
+}
+
 FT_STATUS hostListDevices(void* arg1, void* arg2, uint32_t flags)
 {
     if (flags != FT_LIST_NUMBER_ONLY || !arg1) return FT_INVALID_PARAMETER;

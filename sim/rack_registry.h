@@ -44,6 +44,8 @@ FT_STATUS hostWrite(FT_HANDLE handle, const void* buffer, uint32_t count, uint32
 FT_STATUS hostSetBaudRate(FT_HANDLE handle, uint32_t baud);
 FT_STATUS hostSetDataCharacteristics(FT_HANDLE handle, uint8_t wordLength, uint8_t stopBits, uint8_t parity);
 FT_STATUS hostQueueStatus(FT_HANDLE handle, uint32_t* waiting);
+FT_STATUS hostSetLatencyTimer(FT_HANDLE handle, uint8_t milliseconds);
+FT_STATUS hostSetEventNotification(FT_HANDLE handle, uint32_t mask, void* parameter);
 FT_STATUS hostListDevices(void* arg1, void* arg2, uint32_t flags);
 FT_STATUS hostCreateDeviceInfoList(uint32_t* count);
 FT_STATUS hostGetDeviceInfoList(FT_DEVICE_LIST_INFO_NODE* records, uint32_t* count);

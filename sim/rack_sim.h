@@ -146,9 +146,15 @@ RACKSIM_API void RACKSIM_CALL rackSimInjectBytes(int device, const unsigned char
 RACKSIM_API void RACKSIM_CALL rackSimSetWireRealism(int device, int on);
 
 /* The FTDI latency timer as the device driver holds it, 1 to 255 ms
- * (default 16). The library leaves the timer as the driver sets it; a card
- * farm that tunes its driver to a short timer gets short replies sooner. */
+ * (default 16), for this open and every later one. A card farm that tunes
+ * its driver to a short timer gets short replies sooner. FT_SetLatencyTimer
+ * sets it for the present open only. */
 RACKSIM_API void RACKSIM_CALL rackSimSetLatencyTimerMs(int device, unsigned milliseconds);
+
+/* The latency timer in force, in milliseconds: the driver's, or what the
+ * host set with FT_SetLatencyTimer since it opened the device. -1 for an
+ * unknown device. */
+RACKSIM_API int RACKSIM_CALL rackSimLatencyTimerMs(int device);
 
 /* ---- Observation -------------------------------------------------------- */
 
@@ -183,7 +189,11 @@ enum RackSimCounter {
        breach of the one-message-at-a-time rule of the bus */
     RACKSIM_BUS_VIOLATIONS = 6,
     RACKSIM_COMMANDS_ANSWERED = 7, /* 0x40 commands answered by a card */
-    RACKSIM_BAD_FRAMES_FROM_HOST = 8 /* frames from the host with a wrong checksum, ignored */
+    RACKSIM_BAD_FRAMES_FROM_HOST = 8, /* frames from the host with a wrong checksum, ignored */
+    /* signals of the host's receive event (FT_SetEventNotification with
+       FT_EVENT_RXCHAR): one each time bytes become readable that the last
+       signal did not tell of */
+    RACKSIM_EVENTS_SIGNALLED = 9
 };
 
 RACKSIM_API long long RACKSIM_CALL rackSimCounter(int device, int counter);

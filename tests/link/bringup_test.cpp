@@ -3,8 +3,10 @@
 // seen on the wire and in the log.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <regex>
 
+#include "platform/test_seam.h"
 #include "reader/reader.h"
 #include "support/rack_fixture.h"
 
@@ -166,5 +168,64 @@ TEST_F(BringUp, CloseConnectionsClosesEveryLinkAndKeepsTheRacks)
     EXPECT_EQ(g_racks.size(), 1u);
     EXPECT_NE(logText().find("Disconnecting from card rack\n"), std::string::npos);
 }
+
+// The fast link setting, read afresh for one bring-up. Every wait on the
+// device's event is made far longer than the bring-up may take, so the
+// rack comes up only if the device's signals wake the receive thread.
+struct FastLinkCase {
+    const char* name;
+    const char* value;  // null: not set
+    bool optionalFunctionsMissing;
+    int latencyTimerMs;  // in force on the device after the bring-up
+    bool wokenByEvents;
+    const char* traces;
+};
+
+void PrintTo(const FastLinkCase& row, std::ostream* out) { *out << row.name; }
+
+class FastLinkSetting : public BringUp, public ::testing::WithParamInterface<FastLinkCase> {
+protected:
+    void TearDown() override
+    {
+        BringUp::TearDown();
+        unsetenv("TESSEL_FAST_LINK");
+        platform::testing::rereadSettings();
+        platform::testing::setDeviceEventWaitMs(0);
+        platform::testing::hideOptionalD2xxFunctions(false);
+    }
+};
+
+TEST_P(FastLinkSetting, SetsTheLatencyTimerAndWakesOnReceivedBytesOrTracesWhyNot)
+{
+    const FastLinkCase& row = GetParam();
+    if (row.value != nullptr) setenv("TESSEL_FAST_LINK", row.value, 1);
+    platform::testing::rereadSettings();
+    platform::testing::setDeviceEventWaitMs(600000);
+    platform::testing::hideOptionalD2xxFunctions(row.optionalFunctionsMissing);
+    int device = addRack("FAST", 2);
+    startLibrary(1);
+
+    expectWire(device, 2);
+    EXPECT_EQ(rackSimLatencyTimerMs(device), row.latencyTimerMs);
+    EXPECT_EQ(rackSimCounter(device, RACKSIM_EVENTS_SIGNALLED) > 0, row.wokenByEvents);
+    std::string text = logText();
+    EXPECT_NE(text.find(std::string("connect\n") + row.traces + "Rack FAST connected\n"), std::string::npos) << text;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, FastLinkSetting,
+    ::testing::Values(
+        FastLinkCase{"Unset", nullptr, false, 16, false, ""},
+        FastLinkCase{"TwoMs", "2", false, 2, true, "Fast link: latency timer 2 ms\nFast link: woken by received bytes\n"},
+        FastLinkCase{"LongestTimer", "255", false, 255, true, "Fast link: latency timer 255 ms\nFast link: woken by received bytes\n"},
+        FastLinkCase{"FunctionsMissing", "2", true, 16, false,
+                     "Fast link: FT_SetLatencyTimer not found, latency timer left as the driver has it\n"
+                     "Fast link: FT_SetEventNotification not found, polling every 5 ms\n"},
+        FastLinkCase{"Zero", "0", false, 16, false, "TESSEL_FAST_LINK=0 ignored: a latency timer of 1 to 255 ms is expected\n"},
+        FastLinkCase{"TooLong", "256", false, 16, false,
+                     "TESSEL_FAST_LINK=256 ignored: a latency timer of 1 to 255 ms is expected\n"},
+        FastLinkCase{"WithUnit", "2ms", false, 16, false,
+                     "TESSEL_FAST_LINK=2ms ignored: a latency timer of 1 to 255 ms is expected\n"}),
+    [](const ::testing::TestParamInfo<FastLinkCase>& info) { return std::string(info.param.name); });
 
 }  // namespace
