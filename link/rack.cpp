@@ -79,7 +79,7 @@ void Rack::reset()
     }
     lockHolder.store(nullptr);
     for (size_t i = 0, n = readers.size(); i < n; ++i) readers[i]->blocked.store(0, std::memory_order_release);
-    logWrite("ResettingRack: " + hexDump(RackFrame::resetFrame, 5) + "\n");
+    logWrite("ResettingRack: " + tracedBytes(TracedBytes::frame, RackFrame::resetFrame, 5) + "\n");
     uint32_t written = 0;
     FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::resetFrame), 5, &written);
     platform::pauseMs(1500);
@@ -89,7 +89,7 @@ void Rack::startEnumeration()
 {
     if (connected.load(std::memory_order_acquire) == 0) return;
     logWrite("enum\n");
-    logWrite("StartingEnum: " + hexDump(RackFrame::enumerateFrame, 5) + "\n");
+    logWrite("StartingEnum: " + tracedBytes(TracedBytes::frame, RackFrame::enumerateFrame, 5) + "\n");
     uint32_t written = 0;
     FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::enumerateFrame), 5, &written);
 }

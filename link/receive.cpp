@@ -86,7 +86,7 @@ void Rack::receiveBytes(uint32_t waiting)
         std::memcpy(rxMsg + rxMsgLastIndexOf, chunk, got);
         rxMsgLastIndexOf += got;
         logWrite("Received " + decimalText(rxMsgLastIndexOf) + " bytes from rack " + serial + ": " +
-                 hexDump(rxMsg, static_cast<int32_t>(rxMsgLastIndexOf)) + "\n");
+                 tracedBytes(TracedBytes::frame, rxMsg, static_cast<int32_t>(rxMsgLastIndexOf)) + "\n");
     }
 
     if (!(rxMsg[0] == RackFrame::sync && rxMsgLastIndexOf > 3)) {

@@ -103,7 +103,7 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_I
     // The size of the host's buffer; the answer never goes past it.
     const DWORD capacity = *pcbRecvLength;
 
-    logWrite(reader->name + " Transmit - " + hexDump(pbSendBuffer, static_cast<int32_t>(cbSendLength)) + "\n");
+    logWrite(reader->name + " Transmit - " + tracedBytes(TracedBytes::command, pbSendBuffer, static_cast<int32_t>(cbSendLength)) + "\n");
     // One exchange with the slot at a time: a second host thread on the
     // same reader would share its mailboxes and could take this answer.
     ReaderTurn turn(reader);
@@ -151,7 +151,7 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_I
         const uint32_t delivered = std::min<uint32_t>(dataLength, capacity);
         std::memcpy(pbRecvBuffer, frame + offset, delivered);
         if (dataLength > capacity) result = SCARD_E_INSUFFICIENT_BUFFER;
-        logWrite(reader->name + " Answer - " + hexDump(pbRecvBuffer, static_cast<int32_t>(delivered)) + "\n");
+        logWrite(reader->name + " Answer - " + tracedBytes(TracedBytes::answer, pbRecvBuffer, static_cast<int32_t>(delivered)) + "\n");
         answerLength = dataLength;
     }
 
