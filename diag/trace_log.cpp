@@ -7,6 +7,7 @@
 #include "platform/log_file.h"
 #include "platform/log_folder.h"
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <mutex>
@@ -21,6 +22,9 @@ struct OpenLog {
     platform::LogFile file;
     TraceSettings settings;
     uint64_t size = 0;
+    // The size past which the next entry moves the log aside: the limit,
+    // or a little more while the move keeps failing.
+    uint64_t rotateAt = 0;
     // The load's first entry, the banner, as it went to the disk: every
     // log that a rotation starts opens with it again.
     std::string banner;
@@ -69,6 +73,7 @@ void startLog()
     g_logPath = platform::logFilePath();
     g_open.settings = readTraceSettings();
     g_open.size = 0;
+    g_open.rotateAt = g_open.settings.limitBytes;
     g_open.banner.clear();
     g_open.bannerTaken = false;
     g_mode.store(g_open.settings.mode, std::memory_order_relaxed);
@@ -83,19 +88,33 @@ void startLog()
 // new one with the banner and a line that says where the older part is. It
 // runs under the lock, so no entry is lost or split between the two files;
 // its cost, one close, one rename and one open, falls on one entry in many
-// thousands. When the move fails (another program holds "<log>.1" without
-// sharing it), the log is emptied instead, so that the disk still fills no
-// further than the limit.
-void rotateLog()
+// thousands.
+//
+// The move fails while another program holds either file without sharing
+// it for deletion (a viewer that follows the log, say). The log then goes
+// on growing and the move is tried again after each further sixteenth of
+// the limit; only at twice the limit, the most the two files would hold
+// together, is the log emptied and its older entries given up, so that the
+// disk never fills.
+void rotateLog(uint64_t comingBytes)
 {
+    const uint64_t limit = g_open.settings.limitBytes;
     std::string older = g_logPath + ".1";
     g_open.file.close();
     bool moved = platform::replaceFile(g_logPath, older);
+    if (!moved && g_open.size + comingBytes <= 2 * limit) {
+        g_open.rotateAt = std::min(g_open.size + limit / 16, 2 * limit);
+        g_open.file.open(g_logPath, false);
+        return;
+    }
     g_open.size = 0;
+    g_open.rotateAt = limit;
     if (!g_open.file.open(g_logPath, true)) return;
     writeStamped(g_open.banner, Stamp::narrow);
-    std::string note = "Log rotated at " + decimalText(static_cast<uint32_t>(g_open.settings.limitBytes >> 10)) +
-                       " KiB; " + (moved ? "the older entries are in " + older : older + " could not be replaced, the older entries are lost") + "\n";
+    std::string note = "Log rotated at " + decimalText(static_cast<uint32_t>(limit >> 10)) + " KiB; " +
+                       (moved ? "the older entries are in " + older
+                              : "the older entries are lost, " + older + " could not be replaced") +
+                       "\n";
     writeStamped(platform::textForLogFile(note.c_str()), Stamp::narrow);
 }
 
@@ -125,8 +144,8 @@ void appendEntry(const std::string& body, Stamp kind, bool mayStartLog)
 
     appendStamp(line, kind);
     line += body;
-    uint64_t limit = g_open.settings.limitBytes;
-    if (limit != 0 && g_open.size > 0 && g_open.size + line.size() > limit) rotateLog();
+    if (g_open.settings.limitBytes != 0 && g_open.size > 0 && g_open.size + line.size() > g_open.rotateAt)
+        rotateLog(line.size());
     if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
 }
 

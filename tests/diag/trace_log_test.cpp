@@ -8,6 +8,7 @@
 // lock), so each start reads the settings again; no child process needed.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <mutex>
 #include <regex>
@@ -172,6 +173,37 @@ TEST_P(TraceLogUnderLoad, ThreadsWritingAtOnceLoseAndMixNothing)
 // About 90 bytes an entry: 16 x 60 entries pass 64 KiB once, not twice.
 INSTANTIATE_TEST_SUITE_P(Rows, TraceLogUnderLoad,
                          ::testing::Values(LoadRow{8, 200, nullptr, false}, LoadRow{16, 60, "64K", true}));
+
+// While "<log>.1" cannot be replaced, the log grows on and the move is
+// tried again; at twice the limit the log is emptied, so the disk holds no
+// more than the two files would.
+TEST_F(TraceLog, ALogThatCannotMoveAsideIsEmptiedAtTwiceTheLimit)
+{
+    std::string blocker = path_ + ".1";
+    ASSERT_EQ(mkdir(blocker.c_str(), 0700), 0);
+    std::string inside = blocker + "/kept";
+    std::fclose(std::fopen(inside.c_str(), "w"));  // a folder that is not empty cannot be replaced
+    setSetting("TESSEL_TRACE_LIMIT", "4K");
+    restartLog();
+    logWrite("banner\r\n");
+    size_t largest = 0;
+    for (int i = 0; i < 200; ++i) {
+        logWrite("entry " + std::to_string(i) + " " + std::string(40, 'x') + "\n");
+        largest = std::max(largest, readFile(path_).size());
+    }
+    std::remove(inside.c_str());
+    rmdir(blocker.c_str());
+
+    EXPECT_GT(largest, 4096u) << "the log grew on past the limit while the move failed";
+    EXPECT_LE(largest, 2 * 4096u);
+    std::string texts = test_support::logTexts(readFile(path_));
+    EXPECT_EQ(texts.rfind("banner\r\nLog rotated at 4 KiB; the older entries are lost, " + blocker +
+                              " could not be replaced\nentry ",
+                          0),
+              0u)
+        << texts.substr(0, 300);
+    EXPECT_NE(texts.find("entry 199 "), std::string::npos);
+}
 
 struct SettingsRow {
     const char* trace;  // TESSEL_TRACE; nullptr: not set
