@@ -23,4 +23,9 @@ void setTickOffset(uint32_t offsetMs);
 // platform's own place.
 void setLogFilePath(const std::string& path);
 
+// Holds every move of the log to its ".1" file for this long before the
+// move, so that a test can have other threads write while a rotation is
+// under way. 0, the default, holds nothing.
+void setLogMovePauseMs(uint32_t milliseconds);
+
 }  // namespace platform::testing

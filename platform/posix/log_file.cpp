@@ -1,4 +1,5 @@
 #include "platform/log_file.h"
+#include "platform/log_path_override.h"
 
 #include <cstdio>
 #include <fcntl.h>
@@ -38,6 +39,7 @@ bool LogFile::append(const char* data, size_t size)
 
 bool replaceFile(const std::string& from, const std::string& to)
 {
+    pauseBeforeLogMove();
     return std::rename(from.c_str(), to.c_str()) == 0;
 }
 

@@ -117,18 +117,23 @@ struct LoadRow {
     int entries;
     const char* limit;  // TESSEL_TRACE_LIMIT; nullptr: the default
     bool rotates;
+    uint32_t movePauseMs;  // held before the move aside, while the other threads go on writing
 };
+
+void PrintTo(const LoadRow& row, std::ostream* os) { *os << row.threads << " threads, limit " << (row.limit ? row.limit : "default"); }
 
 class TraceLogUnderLoad : public TraceLog, public ::testing::WithParamInterface<LoadRow> {};
 
 // Threads write at once, and with a small limit the log moves aside to
-// ".1" while they do: every entry is found exactly once across the two
+// ".1" while they do, the move held up long enough for every other thread
+// to come with an entry meanwhile: every entry is found exactly once across the two
 // files, whole, and in each thread's order; each file opens with the banner,
 // and the new one says where the older entries went.
 TEST_P(TraceLogUnderLoad, ThreadsWritingAtOnceLoseAndMixNothing)
 {
     const LoadRow row = GetParam();
     setSetting("TESSEL_TRACE_LIMIT", row.limit);
+    platform::testing::setLogMovePauseMs(row.movePauseMs);
     restartLog();
     logWrite("banner\r\n");
     std::vector<std::thread> threads;
@@ -139,6 +144,7 @@ TEST_P(TraceLogUnderLoad, ThreadsWritingAtOnceLoseAndMixNothing)
                          "\n");
         });
     for (auto& thread : threads) thread.join();
+    platform::testing::setLogMovePauseMs(0);
 
     std::string banner = std::string(kNarrowStamp) + "banner\r\n";
     std::string older = readFile(path_ + ".1"), current = readFile(path_);
@@ -172,7 +178,8 @@ TEST_P(TraceLogUnderLoad, ThreadsWritingAtOnceLoseAndMixNothing)
 
 // About 90 bytes an entry: 16 x 60 entries pass 64 KiB once, not twice.
 INSTANTIATE_TEST_SUITE_P(Rows, TraceLogUnderLoad,
-                         ::testing::Values(LoadRow{8, 200, nullptr, false}, LoadRow{16, 60, "64K", true}));
+                         ::testing::Values(LoadRow{8, 200, nullptr, false, 0}, LoadRow{16, 60, "64K", true, 50}),
+                         [](const auto& info) { return std::string(info.param.rotates ? "Rotating" : "Unbounded"); });
 
 // While "<log>.1" cannot be replaced, the log grows on and the move is
 // tried again; at twice the limit the log is emptied, so the disk holds no
@@ -211,6 +218,13 @@ struct SettingsRow {
     const char* texts;  // the log's entry texts; nullptr: no file at all
 };
 
+void PrintTo(const SettingsRow& row, std::ostream* os)
+{
+    *os << "TESSEL_TRACE=" << (row.trace ? row.trace : "-") << " TESSEL_TRACE_LIMIT=" << (row.limit ? row.limit : "-");
+}
+
+const char* const kSettingsRowNames[] = {"Off", "Redact", "BadMode", "BadLimit"};
+
 class TraceLogSettings : public TraceLog, public ::testing::WithParamInterface<SettingsRow> {};
 
 // A refused value is reported once, on the log's first line, and the
@@ -239,13 +253,16 @@ INSTANTIATE_TEST_SUITE_P(
                     "TESSEL_TRACE: \"loud\" is not full, redact or off; the trace stays full\nbanner\r\nwide\nentry\n"},
         SettingsRow{nullptr, "2K",
                     "TESSEL_TRACE_LIMIT: \"2K\" is not a size of 4K or more (such as 65536, 64K, 512M, 2G) or 0; "
-                    "the limit stays 512M\nbanner\r\nwide\nentry\n"}));
+                    "the limit stays 512M\nbanner\r\nwide\nentry\n"}),
+    [](const auto& info) { return std::string(kSettingsRowNames[info.index]); });
 
 struct SecretRow {
     const char* trace;
     const char* command;  // how the VERIFY shows in the Transmit trace
     const char* answer;   // how the card's answer shows in the Answer trace
 };
+
+void PrintTo(const SecretRow& row, std::ostream* os) { *os << row.trace; }
 
 class TraceOfSecrets : public test_support::OneRackFixture, public ::testing::WithParamInterface<SecretRow> {
 protected:
@@ -292,7 +309,8 @@ TEST_P(TraceOfSecrets, RedactKeepsHeadsAndStatusWordsOnly)
 INSTANTIATE_TEST_SUITE_P(Rows, TraceOfSecrets,
                          ::testing::Values(SecretRow{"full", "00 20 00 01 08 31 32 33 34 35 36 37 38 ",
                                                      "a1 b2 c3 d4 90 00 "},
-                                           SecretRow{"redact", "00 20 00 01 08 <8 bytes> ", "<4 bytes> 90 00 "}));
+                                           SecretRow{"redact", "00 20 00 01 08 <8 bytes> ", "<4 bytes> 90 00 "}),
+                         [](const auto& info) { return std::string(info.param.trace); });
 
 TEST_F(TraceLog, UnwritableLogLosesEntriesSilentlyAndRecoversWhenWritable)
 {
