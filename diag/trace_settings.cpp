@@ -51,7 +51,8 @@ TraceSettings readTraceSettings()
     TraceSettings settings;
     std::string value;
     if (platform::environmentVariable("TESSEL_TRACE", value) && !parseTraceMode(value, settings.mode))
-        settings.refusals.push_back("TESSEL_TRACE: \"" + value + "\" is not full, redact or off; the trace stays full\n");
+        settings.refusals.push_back("TESSEL_TRACE: \"" + value +
+                                    "\" is not full, redact or off; the trace stays full\n");
     if (platform::environmentVariable("TESSEL_TRACE_LIMIT", value) && !parseTraceLimit(value, settings.limitBytes))
         settings.refusals.push_back("TESSEL_TRACE_LIMIT: \"" + value +
                                     "\" is not a size of 4K or more (such as 65536, 64K, 512M, 2G) or 0; the limit "

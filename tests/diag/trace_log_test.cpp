@@ -120,7 +120,10 @@ struct LoadRow {
     uint32_t movePauseMs;  // held before the move aside, while the other threads go on writing
 };
 
-void PrintTo(const LoadRow& row, std::ostream* os) { *os << row.threads << " threads, limit " << (row.limit ? row.limit : "default"); }
+void PrintTo(const LoadRow& row, std::ostream* os)
+{
+    *os << row.threads << " threads, limit " << (row.limit ? row.limit : "default");
+}
 
 class TraceLogUnderLoad : public TraceLog, public ::testing::WithParamInterface<LoadRow> {};
 
@@ -153,7 +156,8 @@ TEST_P(TraceLogUnderLoad, ThreadsWritingAtOnceLoseAndMixNothing)
     if (row.rotates) {
         ASSERT_TRUE(std::regex_search(older, head, std::regex("^" + banner))) << older.substr(0, 200);
         text += head.suffix();
-        std::string note = banner + kNarrowStamp + "Log rotated at 64 KiB; the older entries are in " + path_ + "\\.1\n";
+        std::string note =
+            banner + kNarrowStamp + "Log rotated at 64 KiB; the older entries are in " + path_ + "\\.1\n";
         ASSERT_TRUE(std::regex_search(current, head, std::regex("^" + note))) << current.substr(0, 300);
     } else {
         EXPECT_EQ(older, "");
@@ -297,7 +301,8 @@ TEST_P(TraceOfSecrets, RedactKeepsHeadsAndStatusWordsOnly)
               SCARD_S_SUCCESS);
 
     std::string text = logText();
-    EXPECT_NE(text.find(std::string("Tessel A1 R1 Transmit - ") + GetParam().command + "\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(std::string("Tessel A1 R1 Transmit - ") + GetParam().command + "\n"), std::string::npos)
+        << text;
     EXPECT_NE(text.find(std::string("Tessel A1 R1 Answer - ") + GetParam().answer + "\n"), std::string::npos) << text;
     if (std::string(GetParam().trace) == "redact") {
         for (const char* secret : {"31 32", "34 35", "37 38", "a1 b2", "c3 d4"})
