@@ -144,8 +144,14 @@ void appendEntry(const std::string& body, Stamp kind, bool mayStartLog)
 
     appendStamp(line, kind);
     line += body;
-    if (g_open.settings.limitBytes != 0 && g_open.size > 0 && g_open.size + line.size() > g_open.rotateAt)
+    if (g_open.settings.limitBytes != 0 && g_open.size > 0 && g_open.size + line.size() > g_open.rotateAt) {
         rotateLog(line.size());
+        // Stamped again, so that it does not come out older than the banner
+        // and the rotation line in front of it.
+        line.clear();
+        appendStamp(line, kind);
+        line += body;
+    }
     if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
 }
 
