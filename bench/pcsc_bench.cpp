@@ -594,6 +594,73 @@ TraceCost measureTrace(const std::string& what, const std::string& text, int cou
 }
 
 
+// ---- The log's settings ----------------------------------------------------
+
+// Runs `body` with one trace setting in the environment; the log reads it
+// when it starts afresh, which every measurement does first.
+template <typename Body>
+auto withTraceSetting(const char* name, const char* value, Body body)
+{
+    setenv(name, value, 1);
+    auto result = body();
+    unsetenv(name);
+    restartLog();
+    std::remove((g_benchLog + ".1").c_str());
+    return result;
+}
+
+// The short entry again without a limit, with a limit small enough to move
+// the log aside every few hundred entries, and with the log off; and the
+// entries that moved it, the slowest as many as there were rotations.
+std::vector<TraceCost> measureTraceSettings(const std::string& text, int count)
+{
+    std::vector<TraceCost> rows;
+    rows.push_back(withTraceSetting("TESSEL_TRACE_LIMIT", "0", [&] {
+        return measureTrace("short entry, no limit (TESSEL_TRACE_LIMIT=0)", text, count);
+    }));
+    const uint64_t limit = 16 << 10;
+    rows.push_back(withTraceSetting("TESSEL_TRACE_LIMIT", "16K", [&] {
+        return measureTrace("short entry, log rotating at 16 KiB (one entry in ~200 rotates)", text, count);
+    }));
+    rows.push_back(withTraceSetting("TESSEL_TRACE_LIMIT", "16K", [&] {
+        restartLog();
+        std::vector<double> us;
+        for (int i = 0; i < count; ++i) {
+            Clock::time_point start = Clock::now();
+            logWrite(text);
+            us.push_back(msSince(start) * 1000.0);
+        }
+        size_t lineBytes = text.size() + 30;
+        size_t rotations = std::max<size_t>(1, static_cast<size_t>(count) * lineBytes / limit);
+        std::sort(us.begin(), us.end());
+        std::vector<double> slowest(us.end() - static_cast<std::ptrdiff_t>(rotations), us.end());
+        return TraceCost{"the entry that rotates (slowest " + std::to_string(rotations) + " of " +
+                             std::to_string(count) + ")",
+                         text.size(), percentile(slowest, 0.5), percentile(slowest, 0.99), mean(slowest)};
+    }));
+    rows.push_back(withTraceSetting("TESSEL_TRACE", "off", [&] {
+        return measureTrace("short entry, TESSEL_TRACE=off", text, count);
+    }));
+    return rows;
+}
+
+// The growth of the log in redact mode, beside the full log's figures.
+Throughput measureRedactedThroughput(const std::vector<SCARDHANDLE>& handles, const Shape& shape,
+                                     const std::vector<BYTE>& command, int threads, double windowS, double warmS)
+{
+    return withTraceSetting("TESSEL_TRACE", "redact", [&] {
+        return measureThroughput(handles, shape, command, threads, windowS, warmS);
+    });
+}
+
+void redactedLogRows(std::ostringstream& r, double timerMs, const std::vector<Throughput>& redacted)
+{
+    for (const Throughput& t : redacted)
+        r << "| " << fmt("%g ms", timerMs) << " | " << t.shape.tag() << ", redact | " << t.threads << " | "
+          << t.failures << " | " << fmt("%.2f", t.processCpuMs) << " | " << fmt("%.2f", t.callerCpuMs) << " | "
+          << fmt("%.2f", t.cores) << " | " << fmt("%.1f", t.entries) << " | " << fmt("%.0f", t.logKBps) << " |\n";
+}
+
 // ---- The plot ------------------------------------------------------------
 
 struct Series {
@@ -742,6 +809,7 @@ struct Run {
     double idleCpuPerS = 0;
     std::vector<Latency> latencies;
     std::vector<Throughput> shortRuns, longRuns;
+    std::vector<Throughput> redactedRuns;
     double waitThreadCpu = 0, waitWall = 0, waitProcess = 0;
     LONG waitResult = 0;
     std::vector<Throughput> alone, withWaiters;
@@ -800,6 +868,10 @@ void runOne(Run& run, const Workload& w, const std::function<void(const std::str
     for (int n : w.threadCounts) {
         step("long exchanges, " + std::to_string(n) + " threads");
         run.longRuns.push_back(measureThroughput(handles, w.longShape, w.longCommand, n, w.window, w.warm));
+    }
+    for (int n : {16, 64}) {
+        step("long exchanges, " + std::to_string(n) + " threads, log redacted");
+        run.redactedRuns.push_back(measureRedactedThroughput(handles, w.longShape, w.longCommand, n, w.window, w.warm));
     }
     for (int a = 1; a <= 64; ++a)
         rackSimSetFixedAnswer(rig.device, a, kShortAnswer.data(), static_cast<int>(kShortAnswer.size()));
@@ -1072,6 +1144,7 @@ std::string report(const std::vector<Run>& runs, const Settings& settings, const
                   << t.failures << " | " << fmt("%.2f", t.processCpuMs) << " | " << fmt("%.2f", t.callerCpuMs) << " | "
                   << fmt("%.2f", t.cores) << " | " << fmt("%.1f", t.entries) << " | " << fmt("%.0f", t.logKBps)
                   << " |\n";
+    for (const Run& run : runs) redactedLogRows(r, run.timerMs, run.redactedRuns);
     r << "\n";
 
     // ---- Waiting calls.
@@ -1400,6 +1473,9 @@ int main(int argc, char** argv)
         received += "\n";
         traces.push_back(measureTrace("long entry (a 267-byte Received line)", received, settings.quick ? 1000 : 3000));
     }
+    for (const TraceCost& row : measureTraceSettings("Tessel BENCH064 R12 Transmit - 00 b0 00 00 02 \n",
+                                                     settings.quick ? 2000 : 5000))
+        traces.push_back(row);
 
     std::vector<Run> runs;
     for (double timer : settings.timersMs) {

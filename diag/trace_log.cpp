@@ -1,41 +1,168 @@
 #include "diag/trace_log.h"
 
 #include "diag/text.h"
+#include "diag/trace_settings.h"
 #include "platform/clock.h"
 #include "platform/global_order.h"
+#include "platform/log_file.h"
 #include "platform/log_folder.h"
 
+#include <algorithm>
+#include <atomic>
 #include <exception>
-#include <fstream>
 #include <mutex>
 
 CONSTRUCTED_BEFORE_STARTUP(204) std::string g_logPath;
 CONSTRUCTED_BEFORE_STARTUP(204) platform::ExclusiveLock g_logLock;
 
-// Both writers open the file in text mode, so that on Windows every "\n"
-// reaches the disk as CR LF. The run-time library's plain open shares the
-// file with every other opener (deny-none), so another process or an
-// editor can read the log while the library writes it.
+namespace {
+
+// The open log of this load, all of it under g_logLock.
+struct OpenLog {
+    platform::LogFile file;
+    TraceSettings settings;
+    uint64_t size = 0;
+    // The size past which the next entry moves the log aside: the limit,
+    // or a little more while the move keeps failing.
+    uint64_t rotateAt = 0;
+    // The load's first entry, the banner, as it went to the disk: every
+    // log that a rotation starts opens with it again.
+    std::string banner;
+    bool bannerTaken = false;
+};
+
+CONSTRUCTED_BEFORE_STARTUP(204) OpenLog g_open;
+std::atomic<TraceMode> g_mode{TraceMode::full};
+
+// Room for either stamp; the formats give 22 characters and a tick field
+// of at most 8.
+constexpr size_t kStampRoom = 40;
+
+enum class Stamp { narrow, wide };
+
+void appendStamp(std::string& line, Stamp kind)
+{
+    char stamp[80];
+    const char* format = kind == Stamp::narrow ? "%d-%m-%Y %H:%M:%S " : "%d-%m-%Y %H:%M:%S\t";
+    if (platform::formatLocalTime(stamp, sizeof stamp, format, platform::calendarSeconds()) == 0) stamp[0] = '\0';
+    line += stamp;
+    if (kind == Stamp::wide) return;
+    uint32_t tick = platform::tickCount();
+    int32_t phase = static_cast<int32_t>(tick - tick / 1000 * 1000);
+    line += " [";
+    line += decimalText(phase);
+    line += "]\t";
+}
+
+// Writes one stamped entry and counts it. The file is not reopened here: a
+// log whose open failed waits for the next entry's own try.
+void writeStamped(const std::string& body, Stamp kind)
+{
+    std::string line;
+    line.reserve(kStampRoom + body.size());
+    appendStamp(line, kind);
+    line += body;
+    if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
+}
+
+// A new load's log: the file is emptied (or, with the trace off, never
+// made) and the settings are read. Tests start the log afresh by emptying
+// g_logPath, which also makes them read the settings again.
+void startLog()
+{
+    g_logPath = platform::logFilePath();
+    g_open.settings = readTraceSettings();
+    g_open.size = 0;
+    g_open.rotateAt = g_open.settings.limitBytes;
+    g_open.banner.clear();
+    g_open.bannerTaken = false;
+    g_mode.store(g_open.settings.mode, std::memory_order_relaxed);
+    g_open.file.close();
+    if (g_open.settings.mode == TraceMode::off) return;
+    g_open.file.open(g_logPath, true);
+    for (const std::string& refusal : g_open.settings.refusals)
+        writeStamped(platform::textForLogFile(refusal.c_str()), Stamp::narrow);
+}
+
+// Moves the full log to "<log>.1", replacing the older one, and starts a
+// new one with the banner and a line that says where the older part is. It
+// runs under the lock, so no entry is lost or split between the two files;
+// its cost, one close, one rename and one open, falls on one entry in many
+// thousands.
+//
+// The move fails while another program holds either file without sharing
+// it for deletion (a viewer that follows the log, say). The log then goes
+// on growing and the move is tried again after each further sixteenth of
+// the limit; only at twice the limit, the most the two files would hold
+// together, is the log emptied and its older entries given up, so that the
+// disk never fills.
+void rotateLog(uint64_t comingBytes)
+{
+    const uint64_t limit = g_open.settings.limitBytes;
+    std::string older = g_logPath + ".1";
+    g_open.file.close();
+    bool moved = platform::replaceFile(g_logPath, older);
+    if (!moved && g_open.size + comingBytes <= 2 * limit) {
+        g_open.rotateAt = std::min(g_open.size + limit / 16, 2 * limit);
+        g_open.file.open(g_logPath, false);
+        return;
+    }
+    g_open.size = 0;
+    g_open.rotateAt = limit;
+    if (!g_open.file.open(g_logPath, true)) return;
+    writeStamped(g_open.banner, Stamp::narrow);
+    std::string note = "Log rotated at " + decimalText(static_cast<uint32_t>(limit >> 10)) + " KiB; " +
+                       (moved ? "the older entries are in " + older
+                              : "the older entries are lost, " + older + " could not be replaced") +
+                       "\n";
+    writeStamped(platform::textForLogFile(note.c_str()), Stamp::narrow);
+}
+
+// Appends one entry whose text is already in its disk form. Only the stamp,
+// the rotation test and one write happen under the lock.
+void appendEntry(const std::string& body, Stamp kind, bool mayStartLog)
+{
+    std::string line;
+    line.reserve(kStampRoom + body.size());
+
+    std::lock_guard<platform::ExclusiveLock> guard(g_logLock);
+    if (g_logPath.empty()) {
+        if (!mayStartLog) return;
+        startLog();
+    }
+    if (g_open.settings.mode == TraceMode::off) return;
+    if (!g_open.bannerTaken) {
+        g_open.banner = body;
+        g_open.bannerTaken = true;
+    }
+    // A log whose open failed is tried again at every entry, without
+    // emptying it; its size is then what the file holds.
+    if (!g_open.file.isOpen()) {
+        if (!g_open.file.open(g_logPath, false)) return;
+        g_open.size = g_open.file.sizeAtOpen();
+    }
+
+    appendStamp(line, kind);
+    line += body;
+    if (g_open.settings.limitBytes != 0 && g_open.size > 0 && g_open.size + line.size() > g_open.rotateAt) {
+        rotateLog(line.size());
+        // Stamped again, so that it does not come out older than the banner
+        // and the rotation line in front of it.
+        line.clear();
+        appendStamp(line, kind);
+        line += body;
+    }
+    if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
+}
+
+}  // namespace
+
+TraceMode traceMode() { return g_mode.load(std::memory_order_relaxed); }
 
 void logWrite(const char* text)
 {
-    std::lock_guard<platform::ExclusiveLock> guard(g_logLock);
-
-    uint32_t tick = platform::tickCount();
-    int32_t phase = static_cast<int32_t>(tick - tick / 1000 * 1000);
-
-    char stamp[80];
-    if (platform::formatLocalTime(stamp, sizeof stamp, "%d-%m-%Y %H:%M:%S ", platform::calendarSeconds()) == 0)
-        stamp[0] = '\0';
-
     try {
-        std::string tickField = " [" + decimalText(phase) + "]\t";
-        if (g_logPath.empty()) {
-            g_logPath = platform::logFilePath();
-            std::ofstream truncate(g_logPath, std::ios::out | std::ios::trunc);
-        }
-        std::ofstream file(g_logPath, std::ios::out | std::ios::app);
-        file << stamp << tickField << (text ? text : "");
+        appendEntry(platform::textForLogFile(text), Stamp::narrow, true);
     } catch (const std::exception&) {
         // Memory ran out while the entry was put together: the entry is
         // lost, the caller never learns of it.
@@ -43,23 +170,15 @@ void logWrite(const char* text)
 }
 
 // The file stays single-byte text: a wide character outside 7-bit ASCII,
-// which has no form in every narrow code page, is written as '?' rather
-// than letting the stream fail and lose the rest of the entry.
+// which has no form in every narrow code page, is written as '?'. A wide
+// entry never starts the log: the banner, a narrow entry, always comes first.
 void logWriteWide(const wchar_t* text)
 {
-    std::lock_guard<platform::ExclusiveLock> guard(g_logLock);
-
-    char stamp[80];
-    if (platform::formatLocalTime(stamp, sizeof stamp, "%d-%m-%Y %H:%M:%S\t", platform::calendarSeconds()) == 0)
-        stamp[0] = '\0';
-
     try {
-        std::wstring line;
-        for (const char* c = stamp; *c; ++c) line += static_cast<wchar_t>(static_cast<unsigned char>(*c));
+        std::string narrow;
         for (const wchar_t* c = text ? text : L""; *c; ++c)
-            line += (static_cast<uint32_t>(*c) < 0x80) ? *c : L'?';
-        std::wofstream file(g_logPath, std::ios::out | std::ios::app);
-        file << line;
+            narrow += (static_cast<uint32_t>(*c) < 0x80) ? static_cast<char>(*c) : '?';
+        appendEntry(platform::textForLogFile(narrow.c_str()), Stamp::wide, false);
     } catch (const std::exception&) {
     }
 }

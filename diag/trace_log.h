@@ -1,16 +1,23 @@
-// The always-on trace log: one plain text file, emptied at the first entry
-// of each load of the library and appended to entry by entry.
+// The trace log: one plain text file, emptied at the first entry of each
+// load of the library and appended to entry by entry. TESSEL_TRACE turns
+// it to redact or off, and TESSEL_TRACE_LIMIT bounds its size: a full log
+// moves aside to "<log>.1" and a new one starts (diag/trace_settings.h).
 #pragma once
 
 #include <string>
 
+#include "diag/trace_settings.h"
+#include "diag/traced_bytes.h"  // for the traces that show data bytes
 #include "platform/sync.h"
 
 // The log file's path; empty until the first logWrite of the process.
+// Emptying it (under g_logLock) makes the next entry start the log afresh,
+// as a new load of the library does, settings included.
 extern std::string g_logPath;
 
-// Held around the whole of every log write. The innermost lock of the
-// library: a writer takes no other lock and calls nothing that traces.
+// Held around the time stamp and the one write of every entry, never while
+// an entry is put together. The innermost lock of the library: a writer
+// takes no other lock and calls nothing that traces.
 extern platform::ExclusiveLock g_logLock;
 
 // Appends one entry: "dd-mm-YYYY HH:MM:SS  [tick phase]\t" and the text.
@@ -22,3 +29,6 @@ inline void logWrite(const std::string& text) { logWrite(text.c_str()); }
 // Appends one entry of wide text: "dd-mm-YYYY HH:MM:SS\t" and the text.
 void logWriteWide(const wchar_t* text);
 inline void logWriteWide(const std::wstring& text) { logWriteWide(text.c_str()); }
+
+// The mode the log was started with; full until it starts.
+TraceMode traceMode();

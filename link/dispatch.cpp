@@ -21,7 +21,7 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
 
     bool releasedByHolder = unlockIfHeldBy(address);
     logWrite("Smart card rack " + serial + " reader " + decimalText(address) + " RX - " +
-             hexDump(frame, static_cast<int32_t>(size)) + "\n");
+             tracedBytes(TracedBytes::frame, frame, static_cast<int32_t>(size)) + "\n");
 
     if (address == RackFrame::masterAddress) {
         logWrite("msg from master\n");

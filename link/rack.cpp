@@ -81,7 +81,7 @@ void Rack::reset()
     }
     lockHolder_.store(nullptr);
     for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->blocked.store(0, std::memory_order_release);
-    logWrite("ResettingRack: " + hexDump(RackFrame::resetFrame, 5) + "\n");
+    logWrite("ResettingRack: " + tracedBytes(TracedBytes::frame, RackFrame::resetFrame, 5) + "\n");
     uint32_t written = 0;
     FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::resetFrame), 5, &written);
     platform::pauseMs(1500);
@@ -91,7 +91,7 @@ void Rack::startEnumeration()
 {
     if (!connected()) return;
     logWrite("enum\n");
-    logWrite("StartingEnum: " + hexDump(RackFrame::enumerateFrame, 5) + "\n");
+    logWrite("StartingEnum: " + tracedBytes(TracedBytes::frame, RackFrame::enumerateFrame, 5) + "\n");
     uint32_t written = 0;
     FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::enumerateFrame), 5, &written);
 }

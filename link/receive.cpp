@@ -48,7 +48,7 @@ void Rack::receiveBytes(uint32_t waiting)
         if (got > wanted) got = wanted;  // never trust a count beyond the request
         assembler.append(chunk, got);
         logWrite("Received " + decimalText(assembler.heldCount()) + " bytes from rack " + serial + ": " +
-                 hexDump(assembler.held(), static_cast<int32_t>(assembler.heldCount())) + "\n");
+                 tracedBytes(TracedBytes::frame, assembler.held(), static_cast<int32_t>(assembler.heldCount())) + "\n");
     }
     assembler.parse();
 }

@@ -36,4 +36,9 @@ void setDeviceEventWaitMs(uint32_t milliseconds);
 // library has find nothing, as with such a library (false: look again).
 void hideOptionalD2xxFunctions(bool hidden);
 
+// Holds every move of the log to its ".1" file for this long before the
+// move, so that a test can have other threads write while a rotation is
+// under way. 0, the default, holds nothing.
+void setLogMovePauseMs(uint32_t milliseconds);
+
 }  // namespace platform::testing

@@ -82,7 +82,7 @@ void locateAnswer(uint32_t frameLength, uint32_t& dataLength, uint32_t& offset)
 ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint32_t length, uint8_t* answer,
                         uint32_t capacity)
 {
-    logWrite(reader.name + " Transmit - " + hexDump(command, static_cast<int32_t>(length)) + "\n");
+    logWrite(reader.name + " Transmit - " + tracedBytes(TracedBytes::command, command, static_cast<int32_t>(length)) + "\n");
     // One exchange with the slot at a time: a second host thread on the
     // same reader would share its mailboxes and could take this answer.
     ReaderTurn turn(&reader);
@@ -131,7 +131,7 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
         const uint32_t delivered = std::min<uint32_t>(dataLength, capacity);
         std::memcpy(answer, frame + offset, delivered);
         if (dataLength > capacity) result.outcome = ExchangeOutcome::answerTooLong;
-        logWrite(reader.name + " Answer - " + hexDump(answer, static_cast<int32_t>(delivered)) + "\n");
+        logWrite(reader.name + " Answer - " + tracedBytes(TracedBytes::answer, answer, static_cast<int32_t>(delivered)) + "\n");
         result.answerLength = dataLength;
     }
 

@@ -103,7 +103,7 @@ FT_STATUS Reader::send(FT_HANDLE device)
         return status;
     }
     hasSent_.store(1, std::memory_order_release);
-    logWrite(name + " Tx - " + hexDump(frame, static_cast<int32_t>(size)) + ": " +
+    logWrite(name + " Tx - " + tracedBytes(TracedBytes::frame, frame, static_cast<int32_t>(size)) + ": " +
              fixedText(static_cast<double>(after - before)) + "\n");
     return status;
 }

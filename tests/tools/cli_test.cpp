@@ -74,7 +74,11 @@ TEST(RackscanArguments, BadCommandLinesExitTwoBeforeLoadingTheLibrary)
 
 class RackscanLog : public ::testing::Test {
 protected:
-    void TearDown() override { std::remove(path_.c_str()); }
+    void TearDown() override
+    {
+        std::remove(path_.c_str());
+        std::remove((path_ + ".1").c_str());
+    }
     std::string path_ = ::testing::TempDir() + "rackscan_log_test_" + std::to_string(getpid()) + ".log";
 };
 
@@ -92,6 +96,24 @@ TEST_F(RackscanLog, PrintsTheLastLinesOfTheLogFile)
     EXPECT_TRUE(mentions(run, "entry 30\nno line end")) << run.output;
     EXPECT_FALSE(mentions(run, "entry 28\n")) << run.output;
     EXPECT_FALSE(loadedTheLibrary(run));
+}
+
+// Just after a rotation the log holds the banner and the rotation line; the
+// tail of the older part comes first, and then the two lines.
+TEST_F(RackscanLog, ShowsTheOlderPartFirstWhenTheLogWasJustRotated)
+{
+    {
+        std::ofstream older(path_ + ".1");
+        for (int i = 1; i <= 10; ++i) older << "entry " << i << "\n";
+        std::ofstream current(path_);
+        current << "banner\nLog rotated\n";
+    }
+    Outcome run = rackscan({"log", "--lines", "5", "--log-file", path_});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_TRUE(mentions(run, ".1 (before the log was rotated): last 3 of 10 lines")) << run.output;
+    EXPECT_TRUE(mentions(run, "entry 8\nentry 9\nentry 10\n")) << run.output;
+    EXPECT_FALSE(mentions(run, "entry 7\n")) << run.output;
+    EXPECT_TRUE(mentions(run, "last 2 of 2 lines")) << run.output;
 }
 
 TEST_F(RackscanLog, AMissingLogFileIsAnError)

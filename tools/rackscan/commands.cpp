@@ -364,26 +364,53 @@ int sendApdus(const Session& session, const std::string& reader, const std::vect
     return status;
 }
 
-int logCommand(const Options& options)
-{
-    std::string path = options.logFile.empty() ? traceLogPath() : options.logFile;
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        fail("cannot read the trace log " + path + " (the library writes it from its first load on)");
-        return 1;
-    }
-    std::deque<std::string> tail;
+struct LogTail {
+    bool readable = false;
+    std::deque<std::string> lines;  // the last lines, at most the number asked for
     size_t total = 0;
+};
+
+LogTail readLogTail(const std::string& path, size_t lines)
+{
+    LogTail tail;
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return tail;
+    tail.readable = true;
     std::string line;
     while (std::getline(file, line)) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        tail.push_back(line);
-        if (tail.size() > static_cast<size_t>(options.logLines)) tail.pop_front();
-        ++total;
+        tail.lines.push_back(line);
+        if (tail.lines.size() > lines) tail.lines.pop_front();
+        ++tail.total;
     }
-    std::cerr << "== " << path << ": last " << tail.size() << " of " << total << " lines ==" << std::endl;
-    for (const std::string& entry : tail) std::cout << entry << '\n';
+    return tail;
+}
+
+void printLogTail(const std::string& path, const LogTail& tail, const char* what)
+{
+    std::cerr << "== " << path << what << ": last " << tail.lines.size() << " of " << tail.total << " lines =="
+              << std::endl;
+    for (const std::string& entry : tail.lines) std::cout << entry << '\n';
     std::cout << std::flush;
+}
+
+// A log that was rotated a moment ago holds only its banner and the
+// rotation line; the entries asked for are then mostly in "<log>.1", whose
+// tail comes first, so that the lines read on in the order they were written.
+int logCommand(const Options& options)
+{
+    std::string path = options.logFile.empty() ? traceLogPath() : options.logFile;
+    size_t wanted = static_cast<size_t>(options.logLines);
+    LogTail current = readLogTail(path, wanted);
+    if (!current.readable) {
+        fail("cannot read the trace log " + path + " (the library writes it from its first load on)");
+        return 1;
+    }
+    if (current.total < wanted) {
+        LogTail older = readLogTail(path + ".1", wanted - current.total);
+        if (older.readable) printLogTail(path + ".1", older, " (before the log was rotated)");
+    }
+    printLogTail(path, current, "");
     return 0;
 }
 
