@@ -120,7 +120,7 @@ struct StressLoad {
     int hogs;               // spinning processes beside the test
     bool pacedWire;         // the line's 11,520 bytes/s each way and the chip's latency timer
     int exchangesPerThread;
-    int commandSpread;      // commands are 5 bytes and up to this many fewer than 5 more
+    int commandSpread;      // a command is 5 bytes and fewer than this many more
 };
 
 // Beside the hogs the line is paced and commands run up to 250 bytes, so
