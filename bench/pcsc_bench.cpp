@@ -12,7 +12,8 @@
 // default one run at 16) runs the whole benchmark once with the emulated
 // driver set so, and the report sets the runs side by side. Last come three
 // links side by side: the driver's default, a driver tuned to 2 ms and the
-// fast link (--links-only runs just those).
+// fast link (--links-only runs just those). --load-only runs just the
+// waiting calls and the scaling of short exchanges from 1 to 64 threads.
 #include <pthread.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -780,6 +781,7 @@ struct Settings {
     bool quick = false;
     std::vector<double> timersMs;  // one run each
     bool linksOnly = false;        // only the three links side by side
+    bool loadOnly = false;         // only the waiting calls and the thread scaling
 };
 
 std::string hostLine()
@@ -812,6 +814,8 @@ struct Run {
     std::vector<Throughput> redactedRuns;
     double waitThreadCpu = 0, waitWall = 0, waitProcess = 0;
     LONG waitResult = 0;
+    double transmitWaitCpu = 0, transmitWaitWall = 0;  // one SCardTransmit on a card that takes its time
+    LONG transmitWaitResult = 0;
     std::vector<Throughput> alone, withWaiters;
     long waiterCalls = 0;
     double aloneRate = 0, waitingRate = 0, drop = 0;
@@ -825,6 +829,71 @@ struct Run {
         return nullptr;
     }
 };
+
+// The calls that wait with nothing to do: SCardGetStatusChangeA on a reader
+// whose state does not change, and SCardTransmit to a card that takes
+// `w.waitMs` before it answers. Each runs on a thread of its own, whose
+// processor time over the wait is the figure.
+void measureWaits(Run& run, const Rig& rig, const std::vector<SCARDHANDLE>& handles, const Workload& w,
+                  const std::function<void(const std::string&)>& step)
+{
+    step("a waiting SCardGetStatusChangeA");
+    std::thread([&] {
+        std::string name = readerName(rig.serial, 40);
+        SCARD_READERSTATEA state{};
+        state.szReader = name.c_str();
+        state.dwCurrentState = SCARD_STATE_PRESENT;
+        double cpu0 = ownThreadCpuMs(), proc0 = processCpuMs();
+        Clock::time_point start = Clock::now();
+        run.waitResult = SCardGetStatusChangeA(rig.context, w.waitMs, &state, 1);
+        run.waitWall = msSince(start);
+        run.waitThreadCpu = ownThreadCpuMs() - cpu0;
+        run.waitProcess = processCpuMs() - proc0;
+    }).join();
+
+    step("a SCardTransmit waiting on a slow card");
+    const int slowSlot = 41;
+    rackSimSetCardDelayMs(rig.device, slowSlot, w.waitMs);
+    std::thread([&] {
+        BYTE answer[64];
+        DWORD length = sizeof answer;
+        double cpu0 = ownThreadCpuMs();
+        Clock::time_point start = Clock::now();
+        run.transmitWaitResult = SCardTransmit(handles[slowSlot - 1], &g_rgSCardT1Pci, kShortCommand.data(),
+                                               static_cast<DWORD>(kShortCommand.size()), nullptr, answer, &length);
+        run.transmitWaitWall = msSince(start);
+        run.transmitWaitCpu = ownThreadCpuMs() - cpu0;
+    }).join();
+    rackSimSetCardDelayMs(rig.device, slowSlot, 0);
+}
+
+// Short exchanges on 1 to 64 threads, each on a reader of its own.
+void measureShortScaling(Run& run, const std::vector<SCARDHANDLE>& handles, const Workload& w,
+                         const std::function<void(const std::string&)>& step)
+{
+    for (int n : w.threadCounts) {
+        step("short exchanges, " + std::to_string(n) + " threads");
+        run.shortRuns.push_back(measureThroughput(handles, w.shortShape, kShortCommand, n, w.window, w.warm));
+    }
+}
+
+// Only what the waiting calls and the thread scaling need: one rack of 64
+// slots, its readers connected, short exchanges and the two waits.
+void runLoadOnly(Run& run, const Workload& w, const std::function<void(const std::string&)>& progress)
+{
+    Clock::time_point runStart = Clock::now();
+    auto step = [&](const std::string& what) { progress(run.label() + ": " + what); };
+    Rig rig;
+    step("bring-up of 64 slots");
+    run.bringUps.push_back(startRack(rig, "BENCH064", 64, run.timerMs));
+    step("connecting 64 readers");
+    std::vector<SCARDHANDLE> handles = connectAll(rig, 64);
+    run.connected = static_cast<int>(std::count_if(handles.begin(), handles.end(), [](SCARDHANDLE h) { return h != 0; }));
+    measureShortScaling(run, handles, w, step);
+    measureWaits(run, rig, handles, w, step);
+    stopRack();
+    run.seconds = msSince(runStart) / 1000.0;
+}
 
 void runOne(Run& run, const Workload& w, const std::function<void(const std::string&)>& progress)
 {
@@ -859,10 +928,7 @@ void runOne(Run& run, const Workload& w, const std::function<void(const std::str
     rackSimSetFixedAnswer(rig.device, 1, kShortAnswer.data(), static_cast<int>(kShortAnswer.size()));
 
     // Many slots at once.
-    for (int n : w.threadCounts) {
-        step("short exchanges, " + std::to_string(n) + " threads");
-        run.shortRuns.push_back(measureThroughput(handles, w.shortShape, kShortCommand, n, w.window, w.warm));
-    }
+    measureShortScaling(run, handles, w, step);
     for (int a = 1; a <= 64; ++a)
         rackSimSetFixedAnswer(rig.device, a, w.longAnswer.data(), static_cast<int>(w.longAnswer.size()));
     for (int n : w.threadCounts) {
@@ -876,23 +942,7 @@ void runOne(Run& run, const Workload& w, const std::function<void(const std::str
     for (int a = 1; a <= 64; ++a)
         rackSimSetFixedAnswer(rig.device, a, kShortAnswer.data(), static_cast<int>(kShortAnswer.size()));
 
-    // A waiting SCardGetStatusChangeA.
-    step("a waiting SCardGetStatusChangeA");
-    {
-        std::thread waiter([&] {
-            std::string name = readerName(rig.serial, 40);
-            SCARD_READERSTATEA state{};
-            state.szReader = name.c_str();
-            state.dwCurrentState = SCARD_STATE_PRESENT;
-            double cpu0 = ownThreadCpuMs(), proc0 = processCpuMs();
-            Clock::time_point start = Clock::now();
-            run.waitResult = SCardGetStatusChangeA(rig.context, w.waitMs, &state, 1);
-            run.waitWall = msSince(start);
-            run.waitThreadCpu = ownThreadCpuMs() - cpu0;
-            run.waitProcess = processCpuMs() - proc0;
-        });
-        waiter.join();
-    }
+    measureWaits(run, rig, handles, w, step);
 
     // Exchanges of 16 threads with and without 16 waiting threads, in turns.
     step("16 exchanging threads with and without 16 waiting threads");
@@ -939,6 +989,124 @@ Worst worstShare(const Run& run)
             w.deviceShare = std::min(w.deviceShare, t.rate / t.shape.deviceRate(t.threads, run.timerMs));
         }
     return w;
+}
+
+// ---- Waiting calls and thread scaling --------------------------------------
+
+constexpr double kWaitCoreTarget = 0.01;        // a waiting call: share of one core
+constexpr double kScalingTarget = 0.95;         // 16 and 64 threads: share of the device figure
+constexpr double kCpuPerExchangeTargetMs = 1.0; // this build, natively
+constexpr double kCpuPerExchangeWineMs = 2.0;   // the 32-bit DLL under Wine
+
+double coreShare(double cpuMs, double wallMs) { return wallMs > 0 ? cpuMs / wallMs : 0; }
+
+bool scalingCounts(int threads) { return threads >= 16; }
+
+// The highest processor time per exchange over the short runs.
+const Throughput* costliest(const Run& run)
+{
+    const Throughput* worst = nullptr;
+    for (const Throughput& t : run.shortRuns)
+        if (t.exchanges > 0 && (!worst || t.processCpuMs > worst->processCpuMs)) worst = &t;
+    return worst;
+}
+
+// Rows of the targets table for the waiting calls and the thread scaling.
+void loadTargetRows(std::ostringstream& r, const std::vector<Run>& runs)
+{
+    r << "| a waiting call uses under 1% of a core (SCardGetStatusChangeA; SCardTransmit to a slow card) | 1%";
+    for (const Run& run : runs) {
+        double status = coreShare(run.waitThreadCpu, run.waitWall);
+        double transmit = coreShare(run.transmitWaitCpu, run.transmitWaitWall);
+        r << " | " << verdict(status < kWaitCoreTarget && transmit < kWaitCoreTarget)
+          << fmt(": %.1f%% and %.1f%%", status * 100.0, transmit * 100.0);
+    }
+    r << " | a wait that polls memory without sleeping keeps a core busy for as long as it waits; one that blocks "
+         "on a signal costs nothing until it is woken |\n";
+
+    r << "| 16 and 64 threads reach at least 95% of the device figure (short exchanges) | 95%";
+    for (const Run& run : runs) {
+        double lowest = 1e9;
+        int at = 0;
+        for (const Throughput& t : run.shortRuns) {
+            if (!scalingCounts(t.threads)) continue;
+            double share = t.rate / t.shape.deviceRate(t.threads, run.timerMs);
+            if (share < lowest) lowest = share, at = t.threads;
+        }
+        if (at == 0) r << " | -";
+        else r << " | " << verdict(lowest >= kScalingTarget) << fmt(": lowest %.0f%% (%d threads)", lowest * 100.0, at);
+    }
+    r << " | the device figure of the run's timer setting; below it, the host's threads do not get the processor "
+         "in time to write the next frame on the pass that frees the bus |\n";
+
+    r << "| processor time per exchange under 1 ms (2 ms for the 32-bit DLL under Wine), short exchanges, 1 to 64 "
+         "threads | 1 ms";
+    for (const Run& run : runs) {
+        const Throughput* worst = costliest(run);
+        if (!worst) r << " | -";
+        else
+            r << " | " << verdict(worst->processCpuMs < kCpuPerExchangeTargetMs)
+              << fmt(": highest %.2f ms (%d thread%s)", worst->processCpuMs, worst->threads,
+                     worst->threads == 1 ? "" : "s");
+    }
+    r << " | the whole process over the window, divided by the exchanges: the host threads' waits, the two worker "
+         "threads of the rack and the trace log |\n";
+}
+
+// The waiting calls and the thread scaling side by side with their targets.
+std::string loadReport(const std::vector<Run>& runs, const Workload& w)
+{
+    std::ostringstream r;
+    r << "## Waiting calls and thread scaling\n\n";
+    r << "A call that waits with nothing to do, on a thread of its own: SCardGetStatusChangeA with a "
+      << fmt("%lu", static_cast<unsigned long>(w.waitMs))
+      << " ms time-out on a reader whose state does not change, and SCardTransmit to a card that works "
+      << fmt("%lu", static_cast<unsigned long>(w.waitMs))
+      << " ms before it answers. The figure is the thread's processor time over the wait, as a share of one core; "
+         "the target is under 1%.\n\n";
+    r << "| waiting call";
+    for (const Run& run : runs) r << " | " << run.label() << ": CPU ms in wall ms | " << run.label() << ": % of a core";
+    r << " | target |\n|---";
+    for (size_t i = 0; i < runs.size(); ++i) r << "|---|---";
+    r << "|---|\n";
+    r << "| SCardGetStatusChangeA, no change";
+    for (const Run& run : runs)
+        r << " | " << fmt("%.0f in %.0f (0x%08X)", run.waitThreadCpu, run.waitWall, static_cast<unsigned>(run.waitResult))
+          << " | " << fmt("%.1f%%", coreShare(run.waitThreadCpu, run.waitWall) * 100.0);
+    r << " | under 1% |\n| SCardTransmit, slow card";
+    for (const Run& run : runs)
+        r << " | "
+          << fmt("%.0f in %.0f (0x%08X)", run.transmitWaitCpu, run.transmitWaitWall,
+                 static_cast<unsigned>(run.transmitWaitResult))
+          << " | " << fmt("%.1f%%", coreShare(run.transmitWaitCpu, run.transmitWaitWall) * 100.0);
+    r << " | under 1% |\n\n";
+
+    r << "Short exchanges (5-byte command, 2-byte answer) on 1, 4, 16 and 64 threads, each on a reader of its own "
+         "of one 64-slot rack, beside the device figure of the same timer setting. Targets: 95% of the device "
+         "figure at 16 and 64 threads; under "
+      << fmt("%.0f", kCpuPerExchangeTargetMs) << " ms of processor time per exchange (under "
+      << fmt("%.0f", kCpuPerExchangeWineMs) << " ms for the 32-bit DLL under Wine).\n\n";
+    r << "| threads";
+    for (const Run& run : runs)
+        for (const char* column : {"exchanges/s", "device /s", "% of device", "CPU ms/exch", "cores busy"})
+            r << " | " << run.label() << ": " << column;
+    r << " | targets |\n|---";
+    for (size_t i = 0; i < runs.size(); ++i) r << "|---|---|---|---|---";
+    r << "|---|\n";
+    for (size_t i = 0; i < runs[0].shortRuns.size(); ++i) {
+        int threads = runs[0].shortRuns[i].threads;
+        r << "| " << threads;
+        for (const Run& run : runs) {
+            const Throughput& t = run.shortRuns[i];
+            double device = t.shape.deviceRate(threads, run.timerMs);
+            r << " | " << fmt("%.1f", t.rate) << " | " << fmt("%.1f", device) << " | " << percent(t.rate, device)
+              << " | " << fmt("%.2f", t.processCpuMs) << " | " << fmt("%.2f", t.cores);
+        }
+        r << " | " << (scalingCounts(threads) ? "95% of device; " : "") << "under "
+          << fmt("%.0f", kCpuPerExchangeTargetMs) << " ms |\n";
+    }
+    r << "\n";
+    return r.str();
 }
 
 std::string report(const std::vector<Run>& runs, const Settings& settings, const Workload& w,
@@ -1041,6 +1209,7 @@ std::string report(const std::vector<Run>& runs, const Settings& settings, const
               << bounds << " |\n";
         }
     }
+    loadTargetRows(r, runs);
     r << "| a waiting call must not slow the others: drop below 10% with 16 threads waiting | 10%";
     for (const Run& run : runs)
         r << " | " << verdict(run.drop < 10.0)
@@ -1166,6 +1335,8 @@ std::string report(const std::vector<Run>& runs, const Settings& settings, const
     r << "| drop";
     for (const Run& run : runs) r << " | " << fmt("%.1f%%", run.drop) << " | " << run.waiterCalls << " waiting calls timed out | | ";
     r << " |\n\n";
+
+    r << loadReport(runs, w);
 
     // ---- Bring-up.
     r << "## Bring-up\n\n";
@@ -1419,6 +1590,7 @@ int main(int argc, char** argv)
         if (arg == "--out" && i + 1 < argc) settings.out = argv[++i];
         else if (arg == "--quick") settings.quick = true;
         else if (arg == "--links-only") settings.linksOnly = true;
+        else if (arg == "--load-only") settings.loadOnly = true;
         else if (arg == "--latency-timer" && i + 1 < argc) {
             char* end = nullptr;
             long ms = std::strtol(argv[++i], &end, 10);
@@ -1428,7 +1600,8 @@ int main(int argc, char** argv)
             }
             settings.timersMs.push_back(static_cast<double>(ms));
         } else {
-            std::fprintf(stderr, "usage: %s [--out DIR] [--quick] [--latency-timer MS]... [--links-only]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--out DIR] [--quick] [--latency-timer MS]... [--links-only | --load-only]\n",
+                         argv[0]);
             return 2;
         }
     }
@@ -1482,19 +1655,33 @@ int main(int argc, char** argv)
         if (settings.linksOnly) break;
         Run run;
         run.timerMs = timer;
-        runOne(run, w, progress);
+        if (settings.loadOnly) runLoadOnly(run, w, progress);
+        else runOne(run, w, progress);
         runs.push_back(run);
     }
-    std::vector<LinkMeasurement> links = compareLinks(w, progress);
+    std::vector<LinkMeasurement> links;
+    if (!settings.loadOnly) links = compareLinks(w, progress);
     std::remove(g_benchLog.c_str());
     progress("done");
 
-    std::string text = settings.linksOnly ? "# The fast link beside the driver's settings\n\nRun of " + std::string(when) +
+    std::string text = settings.loadOnly    ? std::string()
+                       : settings.linksOnly ? "# The fast link beside the driver's settings\n\nRun of " + std::string(when) +
                                                 ", " + host + (settings.quick ? ", quick mode" : "") + ".\n\n"
-                                          : report(runs, settings, w, traces, when, host, msSince(runStart) / 1000.0);
-    text += linkComparisonReport(links);
+                                            : report(runs, settings, w, traces, when, host, msSince(runStart) / 1000.0);
+    if (settings.loadOnly) {
+        text = "# Waiting calls and thread scaling\n\nRun of " + std::string(when) + ", " + host +
+               (settings.quick ? ", quick mode" : "") + ".\n\n| target | limit";
+        for (const Run& run : runs) text += " | " + run.label();
+        text += " | what bounds it |\n|---|---";
+        for (size_t i = 0; i < runs.size(); ++i) text += "|---";
+        std::ostringstream targets;
+        loadTargetRows(targets, runs);
+        text += "|---|\n" + targets.str() + "\n" + loadReport(runs, w);
+    } else {
+        text += linkComparisonReport(links);
+    }
     std::printf("%s", text.c_str());
-    std::string svg = runs.empty() ? std::string() : plot(runs);
+    std::string svg = runs.empty() || settings.loadOnly ? std::string() : plot(runs);
 
     std::string mkdir = "mkdir -p '" + settings.out + "'";
     if (std::system(mkdir.c_str()) != 0) {
@@ -1503,6 +1690,7 @@ int main(int argc, char** argv)
     }
     std::ofstream(settings.out + "/report.md") << text;
     if (!svg.empty()) std::ofstream(settings.out + "/exchanges.svg") << svg;
-    std::fprintf(stderr, "wrote %s/report.md and %s/exchanges.svg\n", settings.out.c_str(), settings.out.c_str());
+    std::fprintf(stderr, "wrote %s/report.md%s\n", settings.out.c_str(),
+                 svg.empty() ? "" : (" and " + settings.out + "/exchanges.svg").c_str());
     return 0;
 }

@@ -12,6 +12,9 @@
 #   scripts/bench.sh --quick    shorter windows, rougher figures (about 2 minutes)
 #   scripts/bench.sh --publish  also copy the report into docs/performance.md
 #                               (between its markers) and docs/exchanges.svg
+#   scripts/bench.sh --load     only the waiting calls and the scaling of
+#                               short exchanges from 1 to 64 threads, with
+#                               their targets (about 70 s; not published)
 #
 # BENCH_BUILD_DIR (default build/native), BENCH_OUT_DIR (default build/bench)
 # and BENCH_JOBS (default: all processors) change where and how it builds;
@@ -27,13 +30,19 @@ timers=()
 for ms in ${BENCH_LATENCY_TIMERS:-16 2}; do timers+=(--latency-timer "$ms"); done
 publish=no
 quick=()
+only=()
 for arg in "$@"; do
   case "$arg" in
     --publish) publish=yes ;;
     --quick) quick=(--quick) ;;
-    *) echo "usage: $0 [--quick] [--publish]" >&2; exit 2 ;;
+    --load) only=(--load-only) ;;
+    *) echo "usage: $0 [--quick] [--publish | --load]" >&2; exit 2 ;;
   esac
 done
+if [ "$publish" = yes ] && [ ${#only[@]} -gt 0 ]; then
+  echo "bench: --load makes a partial report; it is not published" >&2
+  exit 2
+fi
 
 bash scripts/install-deps.sh
 
@@ -48,7 +57,7 @@ echo "=== emulator pacing ==="
 
 echo
 echo "=== library against the bus limit ==="
-"$build/bench/pcsc_bench" --out "$out" "${timers[@]}" "${quick[@]}"
+"$build/bench/pcsc_bench" --out "$out" "${timers[@]}" "${quick[@]}" "${only[@]}"
 
 {
   echo
@@ -61,7 +70,7 @@ echo "=== library against the bus limit ==="
   echo '```'
 } >>"$out/report.md"
 echo
-echo "report: $out/report.md, plot: $out/exchanges.svg"
+if [ ${#only[@]} -gt 0 ]; then echo "report: $out/report.md"; else echo "report: $out/report.md, plot: $out/exchanges.svg"; fi
 
 if [ "$publish" = yes ]; then
   doc=docs/performance.md

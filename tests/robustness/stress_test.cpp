@@ -1,13 +1,20 @@
 // Stress: many host threads in the API at once. Two racks of 32 readers
-// with echo cards, 32 threads each exchanging with a reader of its own; and
+// with echo cards, 32 threads each exchanging with a reader of its own,
+// alone and beside processes that take every processor they can get; and
 // the bring-up of two racks while host threads already list readers, ask
 // for status changes and establish contexts.
 #include "robustness_support.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -49,25 +56,106 @@ protected:
 };
 
 // Thread `thread`'s command number `n`: both numbers in the head, then a
-// length and a filling that depend on both, so that no two commands of the
-// run are equal and an answer names the command it belongs to.
-Bytes stressCommand(int thread, int n)
+// length (below `spread` more bytes) and a filling that depend on both, so
+// that no two commands of the run are equal and an answer names the command
+// it belongs to.
+Bytes stressCommand(int thread, int n, int spread)
 {
     Bytes command{0x80, 0x42, static_cast<uint8_t>(thread), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
-    const size_t extra = static_cast<size_t>((thread * 7 + n) % 48);
+    const size_t extra = static_cast<size_t>((thread * 7 + n * 13) % spread);
     for (size_t i = 0; i < extra; ++i) command.push_back(static_cast<uint8_t>(thread * 31 + n * 3 + i));
     return command;
 }
 
-// Thirty-two threads on two racks, each on a reader of its own.
-TEST_F(Stress, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
+// Child processes that spin for as long as they live, so that the library's
+// threads get the processors only in the scheduler's turns, as on a loaded
+// machine. They die with this object, or with this process if it is killed.
+class ProcessorHogs {
+public:
+    explicit ProcessorHogs(int count)
+    {
+        const pid_t parent = getpid();
+        for (int i = 0; i < count; ++i) {
+            pid_t child = fork();
+            if (child == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                if (getppid() != parent) _exit(0);
+                for (volatile unsigned long spin = 0;; spin = spin + 1) {
+                }
+            }
+            if (child > 0) children_.push_back(child);
+        }
+    }
+    ~ProcessorHogs()
+    {
+        for (pid_t child : children_) kill(child, SIGKILL);
+        for (pid_t child : children_) waitpid(child, nullptr, 0);
+    }
+    size_t running() const { return children_.size(); }
+
+private:
+    std::vector<pid_t> children_;
+};
+
+// How often `text` stands in a file, read piece by piece: a log of
+// thousands of exchanges is large.
+size_t occurrencesInFile(const std::string& path, const std::string& text)
 {
-    const int racks = 2, threads = kThreads, exchanges = kExchangesPerThread;
+    std::ifstream file(path, std::ios::binary);
+    std::vector<char> piece(1 << 20);
+    std::string window;
+    size_t count = 0;
+    while (file.read(piece.data(), static_cast<std::streamsize>(piece.size())) || file.gcount() > 0) {
+        window.append(piece.data(), static_cast<size_t>(file.gcount()));
+        for (size_t at = window.find(text); at != std::string::npos; at = window.find(text, at + 1)) ++count;
+        // Keep a tail shorter than the text, so that a match across two
+        // pieces is found once.
+        window.erase(0, window.size() - std::min(window.size(), text.size() - 1));
+    }
+    return count;
+}
+
+struct StressLoad {
+    const char* name;
+    int hogs;               // spinning processes beside the test
+    bool pacedWire;         // the line's 11,520 bytes/s each way and the chip's latency timer
+    int exchangesPerThread;
+    int commandSpread;      // a command is 5 bytes and fewer than this many more
+};
+
+// Beside the hogs the line is paced and commands run up to 250 bytes, so
+// that answers come in several USB packets and a receive thread that the
+// scheduler keeps away finds the rest of a frame waiting in the device's
+// queue. Fewer exchanges keep the run near half a minute on a busy machine.
+const StressLoad kStressLoads[] = {
+    {"Alone", 0, false, kExchangesPerThread, 48},
+    {"BesideTwoProcessorHogs", 2, true, 40, 246},
+};
+
+class StressUnderLoad : public Stress, public ::testing::WithParamInterface<StressLoad> {};
+
+INSTANTIATE_TEST_SUITE_P(Loads, StressUnderLoad, ::testing::ValuesIn(kStressLoads),
+                         [](const ::testing::TestParamInfo<StressLoad>& info) { return info.param.name; });
+
+// Thirty-two threads on two racks, each on a reader of its own.
+TEST_P(StressUnderLoad, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
+{
+    const StressLoad load = GetParam();
+    const int racks = 2, threads = kThreads, exchanges = load.exchangesPerThread, spread = load.commandSpread;
     std::vector<int> devices;
     for (int r = 0; r < racks; ++r) devices.push_back(echoRack(r == 0 ? "S1" : "S2", kSlotsPerRack));
+    ProcessorHogs hogs(load.hogs);
+    ASSERT_EQ(hogs.running(), static_cast<size_t>(load.hogs));
     startLibrary(static_cast<size_t>(racks));
     if (HasFatalFailure()) return;
-    discardLog();
+    // Only the watchdog's entry is looked for, and only where the line is
+    // paced; elsewhere the log goes nowhere.
+    if (load.pacedWire) {
+        clearLog();
+        for (int device : devices) rackSimSetWireRealism(device, 1);
+    } else {
+        discardLog();
+    }
     for (int device : devices) rackSimClearWireLog(device);
 
     // Thread t works on rack t % racks, on the slot t / racks + 1: every
@@ -79,11 +167,11 @@ TEST_F(Stress, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
     std::vector<std::string> firstProblem(static_cast<size_t>(threads));
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([t, racks, exchanges, &answered, &firstProblem] {
+        workers.emplace_back([t, racks, exchanges, spread, &answered, &firstProblem] {
             SCARDHANDLE handle = connect(readerName(t % racks == 0 ? "S1" : "S2", t / racks + 1));
             for (int n = 0; n < exchanges; ++n) {
-                const Bytes command = stressCommand(t, n);
-                Exchange e = transmit(handle, command, 64);
+                const Bytes command = stressCommand(t, n, spread);
+                Exchange e = transmit(handle, command, 300);
                 const Bytes answer = e.answer();
                 if (e.result == SCARD_S_SUCCESS && answer == command) {
                     ++answered[t];
@@ -91,7 +179,7 @@ TEST_F(Stress, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
                 }
                 const bool ofTheRun = answer.size() >= 5 && answer[0] == 0x80 && answer[1] == 0x42 &&
                                       answer[2] < kThreads &&
-                                      answer == stressCommand(answer[2], (answer[3] << 8) | answer[4]);
+                                      answer == stressCommand(answer[2], (answer[3] << 8) | answer[4], spread);
                 const char* kind = e.result != SCARD_S_SUCCESS ? "failed"
                                    : !ofTheRun                 ? "damaged"
                                    : answer[2] == t            ? "stale"
@@ -124,6 +212,12 @@ TEST_F(Stress, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
             EXPECT_EQ(perSlot[a], a <= threads / racks ? exchanges : 0) << "rack " << r << " slot " << a;
         EXPECT_FALSE(g_racks[r]->isLocked());
         EXPECT_EQ(g_racks[r]->queuedTurns(), 0u);
+    }
+    // On a paced line the rest of a frame is always due within a few
+    // milliseconds, long before the watchdog's limit: a frame given up here
+    // was given up while its bytes waited in the device's queue.
+    if (load.pacedWire) {
+        EXPECT_EQ(occurrencesInFile(logPath_, "messages confused, fixing"), 0u);
     }
 }
 
