@@ -8,12 +8,11 @@ namespace {
 const Bytes kAck{0x55, 0x01, 0x00, 0x06, 0xA4};
 const Bytes kAnswer{0x55, 0x01, 0x02, 0x04, 0x90, 0x00, 0x14};
 
-class SimFaults : public SimTest {
+class SimFaults : public SimOpenRack {
 protected:
     void SetUp() override
     {
-        SimTest::SetUp();
-        rack = openRack("TR000001", 2);
+        SimOpenRack::SetUp();
         const uint8_t atr[] = {0x3B, 0x00};
         rackSimInsertCard(rack, 1, atr, 2);
         readNow();
@@ -24,8 +23,6 @@ protected:
         rackSimSetSlotFault(rack, 1, fault, 1);
         return command();
     }
-
-    int rack = -1;
 };
 
 TEST_F(SimFaults, EachSlotFaultShapesTheReplyToOneFrame)

@@ -126,4 +126,15 @@ protected:
     FT_HANDLE handle = nullptr;
 };
 
+// One rack of four populated slots, open.
+class SimOpenRack : public SimTest {
+protected:
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        rack = openRack();
+    }
+    int rack = -1;
+};
+
 }  // namespace simtest

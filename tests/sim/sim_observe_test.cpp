@@ -8,15 +8,7 @@ using namespace simtest;
 
 namespace {
 
-class SimObserve : public SimTest {
-protected:
-    void SetUp() override
-    {
-        SimTest::SetUp();
-        rack = openRack("TR000001", 4);
-    }
-    int rack = -1;
-};
+class SimObserve : public SimOpenRack {};
 
 TEST_F(SimObserve, WireLogKeepsEveryWriteInOrderWithItsTime)
 {

@@ -53,11 +53,7 @@ TEST(RackscanArguments, BadCommandLinesExitTwoBeforeLoadingTheLibrary)
     const struct {
         std::vector<std::string> args;
         const char* message;
-    } cases[] = {
-        {{}, "no command given"},
-        {{"send", "Tessel TR0001 R1", "00 A4 0G"}, "'G' at position 8"},
-        {{"list", "--lines", "4"}, "--lines does not apply to the list command"},
-    };
+    } cases[] = {{{}, "no command given"}, {{"send", "Tessel TR0001 R1", "00 A4 0G"}, "'G' at position 8"}};
     for (const auto& c : cases) {
         Outcome run = rackscan(c.args);
         EXPECT_EQ(run.status, 2) << run.output;
@@ -82,45 +78,38 @@ protected:
     std::string path_ = ::testing::TempDir() + "rackscan_log_test_" + std::to_string(getpid()) + ".log";
 };
 
-TEST_F(RackscanLog, PrintsTheLastLinesOfTheLogFile)
+// The last lines of the log file; just after a rotation the log holds the
+// banner and the rotation line, so the tail of the older part comes first.
+TEST_F(RackscanLog, PrintsTheLastLinesOlderPartFirst)
 {
-    {
-        std::ofstream file(path_);
-        for (int i = 1; i <= 30; ++i) file << "22-11-2026 10:00:00  [" << i << "]\tentry " << i << "\n";
-        file << "no line end";
+    std::string thirty, ten;
+    for (int i = 1; i <= 30; ++i)
+        thirty += "22-11-2026 10:00:00  [" + std::to_string(i) + "]\tentry " + std::to_string(i) + "\n";
+    for (int i = 1; i <= 10; ++i) ten += "entry " + std::to_string(i) + "\n";
+    const struct {
+        std::string current, older, lines;
+        int status;
+        std::vector<std::string> shown, hidden;
+    } cases[] = {
+        {thirty + "no line end", "", "3", 0, {"last 3 of 31 lines", "entry 29\n", "entry 30\nno line end"},
+         {"entry 28\n"}},
+        {"banner\nLog rotated\n", ten, "5", 0,
+         {".1 (before the log was rotated): last 3 of 10 lines", "entry 8\nentry 9\nentry 10\n", "last 2 of 2 lines"},
+         {"entry 7\n"}},
+        {"", "", "5", 1, {"cannot read the trace log"}, {}},  // no file at all
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.lines);
+        std::remove(path_.c_str());
+        std::remove((path_ + ".1").c_str());
+        if (!c.current.empty()) std::ofstream(path_) << c.current;
+        if (!c.older.empty()) std::ofstream(path_ + ".1") << c.older;
+        Outcome run = rackscan({"log", "--lines", c.lines, "--log-file", path_});
+        EXPECT_EQ(run.status, c.status) << run.output;
+        for (const std::string& part : c.shown) EXPECT_TRUE(mentions(run, part)) << part << "\n" << run.output;
+        for (const std::string& part : c.hidden) EXPECT_FALSE(mentions(run, part)) << part << "\n" << run.output;
+        EXPECT_FALSE(loadedTheLibrary(run));
     }
-    Outcome run = rackscan({"log", "--lines", "3", "--log-file", path_});
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_TRUE(mentions(run, "last 3 of 31 lines")) << run.output;
-    EXPECT_TRUE(mentions(run, "entry 29\n")) << run.output;
-    EXPECT_TRUE(mentions(run, "entry 30\nno line end")) << run.output;
-    EXPECT_FALSE(mentions(run, "entry 28\n")) << run.output;
-    EXPECT_FALSE(loadedTheLibrary(run));
-}
-
-// Just after a rotation the log holds the banner and the rotation line; the
-// tail of the older part comes first, and then the two lines.
-TEST_F(RackscanLog, ShowsTheOlderPartFirstWhenTheLogWasJustRotated)
-{
-    {
-        std::ofstream older(path_ + ".1");
-        for (int i = 1; i <= 10; ++i) older << "entry " << i << "\n";
-        std::ofstream current(path_);
-        current << "banner\nLog rotated\n";
-    }
-    Outcome run = rackscan({"log", "--lines", "5", "--log-file", path_});
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_TRUE(mentions(run, ".1 (before the log was rotated): last 3 of 10 lines")) << run.output;
-    EXPECT_TRUE(mentions(run, "entry 8\nentry 9\nentry 10\n")) << run.output;
-    EXPECT_FALSE(mentions(run, "entry 7\n")) << run.output;
-    EXPECT_TRUE(mentions(run, "last 2 of 2 lines")) << run.output;
-}
-
-TEST_F(RackscanLog, AMissingLogFileIsAnError)
-{
-    Outcome run = rackscan({"log", "--log-file", path_ + ".absent"});
-    EXPECT_EQ(run.status, 1) << run.output;
-    EXPECT_TRUE(mentions(run, "cannot read the trace log")) << run.output;
 }
 
 // The runs below load the library against the emulated rack and wait for

@@ -24,17 +24,7 @@ std::string refused(const std::vector<std::string>& args, bool withEmulator = tr
 
 bool mentions(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-TEST(CommandLine, SendTakesAReaderAndItsApdusInOrder)
-{
-    Options options = accepted({"send", "Tessel TR0001 R1", "00A4040000", "00 84 00 00 08"});
-    EXPECT_EQ(options.command, Command::Send);
-    EXPECT_EQ(options.reader, "Tessel TR0001 R1");
-    ASSERT_EQ(options.apdus.size(), 2u);
-    EXPECT_EQ(options.apdus[0], (std::vector<uint8_t>{0x00, 0xA4, 0x04, 0x00, 0x00}));
-    EXPECT_EQ(options.apdus[1], (std::vector<uint8_t>{0x00, 0x84, 0x00, 0x00, 0x08}));
-}
-
-TEST(CommandLine, OptionsStandBeforeOrAfterTheCommandWithOrWithoutEquals)
+TEST(CommandLine, CommandsTakeTheirArgumentsAndOptionsBeforeOrAfterWithOrWithoutEquals)
 {
     Options before = accepted({"--racks", "3", "--slots=12", "list"});
     EXPECT_EQ(before.command, Command::List);
@@ -56,6 +46,12 @@ TEST(CommandLine, OptionsStandBeforeOrAfterTheCommandWithOrWithoutEquals)
 
     Options library = accepted({"demo", "--library", "/opt/libwinscard.so"});
     EXPECT_EQ(library.libraryPath, "/opt/libwinscard.so");
+
+    Options send = accepted({"send", "Tessel TR0001 R1", "00A4040000", "00 84 00 00 08"});
+    EXPECT_EQ(send.command, Command::Send);
+    EXPECT_EQ(send.reader, "Tessel TR0001 R1");
+    EXPECT_EQ(send.apdus,
+              (std::vector<std::vector<uint8_t>>{{0x00, 0xA4, 0x04, 0x00, 0x00}, {0x00, 0x84, 0x00, 0x00, 0x08}}));
 }
 
 TEST(CommandLine, HelpWinsOverEverythingElse)
