@@ -111,7 +111,7 @@ TEST_F(AttributesTest, VendorNameAtrAndIdsWithoutDataInEveryBufferForm)
     EXPECT_EQ(SCardGetAttrib(handleOf(Handle::Card), atr, nullptr, nullptr), SCARD_E_INVALID_PARAMETER);
 }
 
-TEST_F(AttributesTest, SmallCallsSucceedForAnythingAndChangeNothing)
+TEST_F(AttributesTest, SmallCallsAnswerForAnythingAndChangeNothing)
 {
     startReaders();
 
@@ -124,6 +124,12 @@ TEST_F(AttributesTest, SmallCallsSucceedForAnythingAndChangeNothing)
     EXPECT_EQ(SCardControl(handleOf(Handle::Card), 0x42, nullptr, 0, nullptr, 0, nullptr),
               SCARD_E_UNSUPPORTED_FEATURE);
     EXPECT_EQ(returned, 0u);
+    EXPECT_EQ(SCardSetAttrib(handleOf(Handle::Card), SCARD_ATTR_VENDOR_NAME, nullptr, 0), SCARD_E_UNSUPPORTED_FEATURE);
+    EXPECT_EQ(SCardGetStatusChange(0, INFINITE, nullptr, 0), SCARD_S_SUCCESS);
+    char groups[32] = {};
+    DWORD groupsLength = sizeof groups;
+    EXPECT_EQ(SCardListReaderGroups(0, groups, &groupsLength), SCARD_S_SUCCESS);
+    EXPECT_EQ(std::string(groups, groupsLength), std::string("SCard$DefaultReaders\0\0", 22));
     EXPECT_EQ(logText(), "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\n");
 }
 
