@@ -1,7 +1,7 @@
 // Attributes and the small calls: SCardGetAttrib serves the vendor name and
 // the ATR; the transaction calls and SCardCancel exist so that hosts keep
 // working and change nothing; SCardCancel ends the status-change waits of
-// its context; SCardControl does nothing at all. Also the
+// its context; SCardControl does nothing at all on Windows. Also the
 // three exported protocol control records.
 #include <algorithm>
 #include <cstdlib>
@@ -20,9 +20,9 @@
 // Hosts pass the addresses of these to SCardTransmit, which only tests the
 // pointer; the library never reads them. The raw record carries 4, not the
 // 0x00010000 that the platform's header gives the raw protocol.
-extern "C" const SCARD_IO_REQUEST g_rgSCardT0Pci = {1, 8};
-extern "C" const SCARD_IO_REQUEST g_rgSCardT1Pci = {2, 8};
-extern "C" const SCARD_IO_REQUEST g_rgSCardRawPci = {4, 8};
+extern "C" const SCARD_IO_REQUEST g_rgSCardT0Pci = {1, sizeof(SCARD_IO_REQUEST)};
+extern "C" const SCARD_IO_REQUEST g_rgSCardT1Pci = {2, sizeof(SCARD_IO_REQUEST)};
+extern "C" const SCARD_IO_REQUEST g_rgSCardRawPci = {4, sizeof(SCARD_IO_REQUEST)};
 
 namespace {
 
@@ -172,11 +172,14 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardCancel(SCARDCONTEXT hContext)
     return SCARD_S_SUCCESS;
 }
 
+#ifdef _WIN32
 // The slots take no control codes. No trace, and *lpBytesReturned is left
-// as it was.
+// as it was. (Elsewhere the call answers as pcsc-lite does:
+// pcsclite_names.cpp.)
 extern "C" TESSEL_EXPORT LONG WINAPI SCardControl(SCARDHANDLE hCard, DWORD dwControlCode, LPCVOID lpInBuffer,
                                                   DWORD nInBufferSize, LPVOID lpOutBuffer, DWORD nOutBufferSize,
                                                   LPDWORD lpBytesReturned)
 {
     return SCARD_S_SUCCESS;
 }
+#endif

@@ -1,6 +1,7 @@
 // The exported functions and data of the library. On Windows the
-// declarations of the published API come from <winscard.h>; elsewhere they
-// are declared here with the same shapes.
+// declarations of the published API come from <winscard.h>; elsewhere
+// pcsc-lite's <PCSC/winscard.h> declares the names the two share, and they
+// are declared here again, with the A and W forms, to be exported.
 #pragma once
 
 #include "pcsc/pcsc_types.h"

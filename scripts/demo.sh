@@ -10,7 +10,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 # The demo needs no Windows toolchain run, so Wine is left out.
 SKIP_WINE=1 bash scripts/install-deps.sh
 
-echo "demo: building libwinscard and rackscan in build/native"
+echo "demo: building libpcsclite.so.1 and rackscan in build/native"
 cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/native --target rackscan winscard -j "$jobs"
 

@@ -14,6 +14,7 @@ native_packages=(
   g++-mingw-w64-i686 binutils-mingw-w64-i686
   g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
   zip unzip
+  libpcsclite-dev pcsc-tools opensc python3-pyscard
 )
 
 missing=()

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test run: installs what is missing, builds natively and runs
-# the suite, builds the product with clang's thread-safety analysis,
-# cross-builds it for 32-bit and 64-bit Windows and runs the Windows stage
+# the suite, runs Debian's PC/SC clients against the library, builds the
+# product with clang's thread-safety analysis, cross-builds it for 32-bit and 64-bit Windows and runs the Windows stage
 # under Wine, then runs the suite again under AddressSanitizer+UBSan and
 # under ThreadSanitizer. Each stage prints its own summary.
 set -euo pipefail
@@ -17,6 +17,9 @@ stage "native build and tests"
 cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/native -j "$jobs"
 ctest --test-dir build/native -j "$jobs" --output-on-failure
+
+stage "PC/SC clients against libpcsclite.so.1 (pcsc_scan, opensc-tool, pyscard)"
+bash scripts/test-clients.sh build/native
 
 stage "lock discipline (clang thread-safety analysis, build only)"
 cmake -S . -B build/thread-safety -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTESSEL_TESTS=OFF -DTESSEL_BENCH=OFF \

@@ -22,7 +22,11 @@ struct RackSetup {
     int muteCardsPerRack = 0;      // the slots after them hold a mute card
     std::vector<uint8_t> atr;      // empty: the default ATR
     bool echo = false;             // cards answer with the command itself
+    int cardEventAfterMs = 0;      // 0: none; else a card change that long after set-up
 };
+
+// The longest wait for the card change, 10 minutes.
+constexpr int kLongestCardEventMs = 600000;
 
 // The serial number of rack `rack` (from 0): "TR0001", ...
 std::string rackSerial(int rack);
@@ -40,5 +44,14 @@ bool parseRackSetupText(const std::string& text, RackSetup& setup, std::string& 
 
 // Replaces every device of the emulator with the racks of `setup`.
 void buildRacks(const RackSetup& setup);
+
+// The slot of rack TR0001 that the card change of `setup` is made in: the
+// first one after the cards and mute cards, which gets a card; with every
+// slot taken, the last one, whose card is taken out.
+int cardEventSlot(const RackSetup& setup);
+
+// Makes that change `setup.cardEventAfterMs` from now, on a thread of its
+// own, for hosts that watch for card events and cannot make one.
+void startCardEvent(const RackSetup& setup);
 
 }  // namespace racksim

@@ -1,5 +1,8 @@
 #include "sim/rack_setup.h"
 
+#include <chrono>
+#include <thread>
+
 #include "sim/rack_sim.h"
 
 namespace racksim {
@@ -19,6 +22,29 @@ void buildRacks(const RackSetup& setup)
                 rackSimMuteCard(device, slot);
         }
     }
+}
+
+int cardEventSlot(const RackSetup& setup)
+{
+    const int firstFree = setup.cardsPerRack + setup.muteCardsPerRack + 1;
+    return firstFree <= setup.slotsPerRack ? firstFree : setup.slotsPerRack;
+}
+
+// Detached: the change is one call at a set time, and a process that ends
+// before it simply never sees it.
+void startCardEvent(const RackSetup& setup)
+{
+    if (setup.cardEventAfterMs <= 0) return;
+    const std::vector<uint8_t> atr = setup.atr.empty() ? defaultCardAtr() : setup.atr;
+    const int slot = cardEventSlot(setup);
+    const bool insert = slot > setup.cardsPerRack + setup.muteCardsPerRack;
+    std::thread([atr, slot, insert, delay = setup.cardEventAfterMs] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        if (insert)
+            rackSimInsertCard(0, slot, atr.data(), static_cast<int>(atr.size()));
+        else
+            rackSimRemoveCard(0, slot);
+    }).detach();
 }
 
 }  // namespace racksim

@@ -26,13 +26,18 @@ namespace {
 
 // Runs when the emulator's module is loaded, before the PC/SC library (which
 // imports it) starts its search. Building the racks makes no thread and
-// loads nothing, so it is safe under the loader's lock. The variable is read
-// from the environment the process started with.
+// loads nothing, so it is safe under the loader's lock; the thread of a
+// timed card change only starts running once the load is over. The
+// variable is read from the environment the process started with.
 struct SetUpFromEnvironment {
     SetUpFromEnvironment()
     {
         const char* text = std::getenv("TESSEL_SIM");
-        if (text != nullptr) rackSimSetUp(text);
+        if (text == nullptr) return;
+        racksim::RackSetup setup;
+        std::string ignored;
+        if (rackSimSetUp(text) > 0 && racksim::parseRackSetupText(text, setup, ignored))
+            racksim::startCardEvent(setup);
     }
 } g_setUpFromEnvironment;
 

@@ -66,7 +66,8 @@ bool applySetting(const std::string& key, const std::string& value, RackSetup& s
         setup.echo = on != 0;
         return true;
     }
-    error = "unknown setting \"" + key + "\" (racks, slots, cards, mute, atr, echo)";
+    if (key == "event") return parseCount(key, value, 0, kLongestCardEventMs, setup.cardEventAfterMs, error);
+    error = "unknown setting \"" + key + "\" (racks, slots, cards, mute, atr, echo, event)";
     return false;
 }
 

@@ -111,17 +111,25 @@ TEST_F(AttributesTest, VendorNameAtrAndIdsWithoutDataInEveryBufferForm)
     EXPECT_EQ(SCardGetAttrib(handleOf(Handle::Card), atr, nullptr, nullptr), SCARD_E_INVALID_PARAMETER);
 }
 
-TEST_F(AttributesTest, SmallCallsSucceedForAnythingAndChangeNothing)
+TEST_F(AttributesTest, SmallCallsAnswerForAnythingAndChangeNothing)
 {
     startReaders();
 
     EXPECT_EQ(SCardBeginTransaction(0x1234), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardEndTransaction(handleOf(Handle::Card), 99), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardCancel(0), SCARD_S_SUCCESS);
+    // The slots have no control codes; pcsc-lite's answer for that.
     DWORD returned = 0xCAFE;
-    EXPECT_EQ(SCardControl(0, 1, nullptr, 5, nullptr, 5, &returned), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardControl(handleOf(Handle::Card), 0x42, nullptr, 0, nullptr, 0, nullptr), SCARD_S_SUCCESS);
-    EXPECT_EQ(returned, 0xCAFEu);
+    EXPECT_EQ(SCardControl(0, 1, nullptr, 5, nullptr, 5, &returned), SCARD_E_UNSUPPORTED_FEATURE);
+    EXPECT_EQ(SCardControl(handleOf(Handle::Card), 0x42, nullptr, 0, nullptr, 0, nullptr),
+              SCARD_E_UNSUPPORTED_FEATURE);
+    EXPECT_EQ(returned, 0u);
+    EXPECT_EQ(SCardSetAttrib(handleOf(Handle::Card), SCARD_ATTR_VENDOR_NAME, nullptr, 0), SCARD_E_UNSUPPORTED_FEATURE);
+    EXPECT_EQ(SCardGetStatusChange(0, INFINITE, nullptr, 0), SCARD_S_SUCCESS);
+    char groups[32] = {};
+    DWORD groupsLength = sizeof groups;
+    EXPECT_EQ(SCardListReaderGroups(0, groups, &groupsLength), SCARD_S_SUCCESS);
+    EXPECT_EQ(std::string(groups, groupsLength), std::string("SCard$DefaultReaders\0\0", 22));
     EXPECT_EQ(logText(), "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\n");
 }
 
@@ -131,7 +139,7 @@ TEST(ProtocolControlRecords, HaveTheirPublishedValues)
     EXPECT_EQ(g_rgSCardT1Pci.dwProtocol, 2u);
     EXPECT_EQ(g_rgSCardRawPci.dwProtocol, 4u);
     for (const SCARD_IO_REQUEST* pci : {&g_rgSCardT0Pci, &g_rgSCardT1Pci, &g_rgSCardRawPci})
-        EXPECT_EQ(pci->cbPciLength, 8u);
+        EXPECT_EQ(pci->cbPciLength, sizeof(SCARD_IO_REQUEST));
 }
 
 }  // namespace

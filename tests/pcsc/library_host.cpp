@@ -47,7 +47,7 @@ int runHost(const char* libraryPath, const char* way)
 int main(int argc, char** argv)
 {
     if (argc != 3) {
-        std::fprintf(stderr, "usage: library_host <libwinscard.so> unload|exit\n");
+        std::fprintf(stderr, "usage: library_host <libpcsclite.so.1> unload|exit\n");
         return 2;
     }
     char folder[] = "/tmp/tessel-host-XXXXXX";

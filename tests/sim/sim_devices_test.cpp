@@ -147,6 +147,8 @@ TEST_F(SimDevices, RacksDescribedByText)
         {"racks=2,slots=8,cards=3,mute=1,echo=1", 2, 8, 3, 1, true, defaultAtr},
         {"", 1, 4, 2, 0, false, defaultAtr},
         {"slots=3,cards=1,atr=3B:02 14:50,", 1, 3, 1, 0, false, {0x3B, 0x02, 0x14, 0x50}},
+        {"event=8000", 1, 4, 2, 0, false, defaultAtr},
+        {"event=soon", -1},
         {"slots=4,cards=5", -1},
         {"slots=4,cards=3,mute=2", -1},
         {"racks=0", -1},

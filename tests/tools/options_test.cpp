@@ -44,8 +44,8 @@ TEST(CommandLine, CommandsTakeTheirArgumentsAndOptionsBeforeOrAfterWithOrWithout
     Options atr = accepted({"list", "--atr", "3B 02 14 50"});
     EXPECT_EQ(atr.emulator.atr, (std::vector<uint8_t>{0x3B, 0x02, 0x14, 0x50}));
 
-    Options library = accepted({"demo", "--library", "/opt/libwinscard.so"});
-    EXPECT_EQ(library.libraryPath, "/opt/libwinscard.so");
+    Options library = accepted({"demo", "--library", "/opt/libpcsclite.so.1"});
+    EXPECT_EQ(library.libraryPath, "/opt/libpcsclite.so.1");
 
     Options send = accepted({"send", "Tessel TR0001 R1", "00A4040000", "00 84 00 00 08"});
     EXPECT_EQ(send.command, Command::Send);

@@ -275,7 +275,7 @@ std::string usageText(bool withEmulator)
     text += " (default: winscard.dll, found the\n"
             "                             way Windows finds it, the program's folder first)\n";
 #else
-    text += " (default: libwinscard.so of\n"
+    text += " (default: libpcsclite.so.1 of\n"
             "                             the build, or the one beside rackscan)\n";
 #endif
     text += "  --log-file PATH            log: the file to read instead of the library's trace log\n";

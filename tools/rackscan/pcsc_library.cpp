@@ -79,7 +79,7 @@ std::string PcscLibrary::defaultPath()
 #ifdef RACKSCAN_WINSCARD_PATH
     if (fileExists(RACKSCAN_WINSCARD_PATH)) return RACKSCAN_WINSCARD_PATH;
 #endif
-    std::string beside = executableFolder() + "/libwinscard.so";
+    std::string beside = executableFolder() + "/libpcsclite.so.1";
     if (fileExists(beside)) return beside;
 #ifdef RACKSCAN_WINSCARD_PATH
     return RACKSCAN_WINSCARD_PATH;

@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# Debian's PC/SC clients against libpcsclite.so.1 and the emulated rack,
+# with no pcscd: pcsc_scan, opensc-tool and a pyscard script each find the
+# library through LD_LIBRARY_PATH, and the rack emulator (libftd2xx.so)
+# beside it builds the racks described in TESSEL_SIM. Every check compares
+# what a client printed with what the emulator was told: the reader names,
+# the ATR and the answer bytes.
+#   bash scripts/test-clients.sh [build-dir]     (default build/native)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=$(cd "${1:-build/native}" && pwd)
+
+for tool in pcsc_scan opensc-tool; do
+  command -v "$tool" >/dev/null || { echo "test-clients: $tool is missing (scripts/install-deps.sh)"; exit 1; }
+done
+[ -f "$build/pcsc/libpcsclite.so.1" ] || { echo "test-clients: no $build/pcsc/libpcsclite.so.1"; exit 1; }
+
+# The exports: every name that Debian's libpcsclite.so.1 gives its clients.
+debian_library=$(ls /usr/lib/*/libpcsclite.so.1 2>/dev/null | head -n 1)
+if [ -n "$debian_library" ]; then
+  missing=$(comm -23 <(nm -D --defined-only "$debian_library" | awk '{print $3}' | sort) \
+                     <(nm -D --defined-only "$build/pcsc/libpcsclite.so.1" | awk '{print $3}' | sort))
+  if [ -n "$missing" ]; then echo "test-clients: exports missing:" $missing; exit 1; fi
+  echo "test-clients: every export of $debian_library is there"
+fi
+
+# Our library and emulator first; a pcscd socket must not be what answers.
+export LD_LIBRARY_PATH="$build/pcsc:$build/sim${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+export PCSCLITE_CSOCK_NAME=/nonexistent/pcscd.comm
+atr="3B 88 80 01 43 6C 69 65 6E 74 73 21 94"
+slots=3
+cards=2
+export TESSEL_SIM="racks=2,slots=$slots,cards=$cards,echo=1,atr=$atr"
+
+names=()
+for rack in 1 2; do for slot in $(seq 1 $slots); do names+=("Tessel TR000$rack R$slot"); done; done
+
+failures=0
+fail() { echo "test-clients: FAIL: $*"; failures=$((failures + 1)); }
+pass() { echo "test-clients: ok: $*"; }
+
+# --- pcsc_scan: ends through its own time-out; `timeout` is a safety net.
+scan=$(timeout 120 pcsc_scan -n -t 2 2>&1 | tr -d '\r' || true)
+for i in "${!names[@]}"; do
+  block=$(printf '%s\n' "$scan" | awk -v head=" Reader $i: ${names[$i]}" \
+    '$0 == head {on=1; next} /^ Reader [0-9]+:/ {on=0} on')
+  slot=$(( i % slots + 1 ))
+  if [ $slot -le $cards ]; then
+    state="Card inserted"; want_atr="ATR: $atr"
+  else
+    state="Card removed"; want_atr=""
+  fi
+  if ! grep -q "Card state: $state" <<<"$block"; then fail "pcsc_scan: ${names[$i]} is not \"$state\""; continue; fi
+  if [ -n "$want_atr" ] && ! grep -qx "  $want_atr" <<<"$block"; then
+    fail "pcsc_scan: ${names[$i]} ATR is not $atr"; continue
+  fi
+  pass "pcsc_scan: ${names[$i]}: $state${want_atr:+, $want_atr}"
+done
+
+# --- opensc-tool: the reader list, one ATR, one APDU to an echo card.
+listed=$(timeout 120 opensc-tool --list-readers 2>&1 || true)
+for i in "${!names[@]}"; do
+  slot=$(( i % slots + 1 ))
+  card=$([ $slot -le $cards ] && echo Yes || echo No)
+  if grep -Eq "^$i +$card +.*${names[$i]}\$" <<<"$listed"; then
+    pass "opensc-tool --list-readers: $i ${names[$i]} ($card)"
+  else
+    fail "opensc-tool --list-readers: no \"$i $card ${names[$i]}\" in: $listed"
+  fi
+done
+lower_atr=$(tr 'A-F ' 'a-f:' <<<"$atr")
+got=$(timeout 120 opensc-tool --reader 4 --atr 2>&1 || true)
+if [ "$got" = "$lower_atr" ]; then pass "opensc-tool --atr: $got"; else fail "opensc-tool --atr gave \"$got\", not $lower_atr"; fi
+apdu="00 A4 04 00 02 3F 00"
+got=$(timeout 120 opensc-tool --reader 1 --send-apdu "$(tr ' ' ':' <<<"$apdu")" 2>&1 || true)
+# The echo card answers with the command itself: the last two bytes are
+# the status word, the rest the data.
+if grep -q "^Received (SW1=0x3F, SW2=0x00):" <<<"$got" && grep -q "^00 A4 04 00 02 " <<<"$got"; then
+  pass "opensc-tool --send-apdu: the echo of $apdu"
+else
+  fail "opensc-tool --send-apdu gave: $got"
+fi
+
+# --- pyscard: readers, a connection, a transmit and a card event. The
+# emulator puts a card into the first empty slot of TR0001 twenty seconds
+# after it is loaded, while the script waits.
+event_reader="Tessel TR0001 R$((cards + 1))"
+if TESSEL_SIM="$TESSEL_SIM,event=20000" timeout 180 /usr/bin/python3 scripts/clients/pyscard_check.py \
+     "$(IFS=,; echo "${names[*]}")" "$atr" "$event_reader"; then
+  pass "pyscard"
+else
+  fail "pyscard"
+fi
+
+if [ $failures -gt 0 ]; then echo "test-clients: $failures check(s) failed"; exit 1; fi
+echo "test-clients: all checks passed"
