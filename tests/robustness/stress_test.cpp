@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <thread>
 
@@ -186,16 +185,6 @@ TEST_P(StressUnderLoad, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
     }
 }
 
-// The names of a listing, as a list.
-std::vector<std::string> namesOf(const char* multiString, DWORD size)
-{
-    std::vector<std::string> names;
-    if (multiString == nullptr || size == 0) return names;
-    const char* end = multiString + size - 1;  // the closing NUL
-    for (const char* at = multiString; at < end; at += std::strlen(at) + 1) names.emplace_back(at);
-    return names;
-}
-
 TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
 {
     const std::vector<uint8_t> atr = test_support::atrT1();
@@ -224,32 +213,27 @@ TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
             char* block = nullptr;
             DWORD size = SCARD_AUTOALLOCATE;
             LONG result = SCardListReadersA(1, nullptr, reinterpret_cast<char*>(&block), &size);
-            std::vector<std::string> names;
+            std::string listing;
             if (result == SCARD_S_SUCCESS) {
-                names = namesOf(block, size);
-                size_t length = 0;
-                for (const std::string& n : names) length += n.size() + 1;
-                if (length + 1 != size || block[size - 1] != '\0')
-                    problem("listing " + std::to_string(id) + ": size " + std::to_string(size));
+                listing.assign(block, size);
                 SCardFreeMemory(1, block);
             } else if (result != static_cast<LONG>(SCARD_E_NO_READERS_AVAILABLE)) {
                 problem("listing result " + std::to_string(result));
             }
-            // As many of each rack's first readers as the listing holds of that rack.
-            std::vector<std::string> made;
-            for (const std::string serial : {"B1", "B2"}) {
-                const auto count = std::count_if(names.begin(), names.end(), [&](const std::string& n) {
-                    return n.rfind("Tessel " + serial + " ", 0) == 0;
-                });
-                for (int a = 1; a <= std::min<int>(count, kSlotsPerRack); ++a) made.push_back(readerName(serial, a));
-            }
-            if (names != made) problem("listing " + std::to_string(id) + " out of order or unknown readers");
-            if (names.size() < seen) problem("listing shrank");
-            seen = names.size();
+            // As many of each rack's first readers as the listing names of that rack.
+            std::string made;
+            size_t count = 0;
+            for (const std::string serial : {"B1", "B2"})
+                for (size_t a = 1; a <= std::min<size_t>(countOf(listing, "Tessel " + serial + " "), kSlotsPerRack);
+                     ++a, ++count)
+                    made += readerName(serial, static_cast<int>(a)) + '\0';
+            if (!listing.empty() && listing != made + '\0') problem("listing " + std::to_string(id) + ": " + listing);
+            if (count < seen) problem("listing shrank");
+            seen = count;
             ++listings;
             std::this_thread::yield();
         }
-        if (seen != static_cast<size_t>(2 * kSlotsPerRack)) problem("last listing had " + std::to_string(seen) + " readers");
+        if (seen != 2u * kSlotsPerRack) problem("last listing had " + std::to_string(seen) + " readers");
     };
 
     // A status change on a reader gives an unknown reader until the reader
