@@ -194,16 +194,10 @@ TEST_F(SimRack, CardDelayHoldsTheAnswerButNotTheAcknowledge)
 
 // ---- Card events ----------------------------------------------------------
 
-TEST_F(SimRack, CardEventsWhileOpenSendStatusFramesAndWhileClosedWaitForARequest)
+// The event frames of an open device are read by the library's card state
+// tests; here, what makes no event and what waits for a request.
+TEST_F(SimRack, CardEventsWithBadArgumentsAreNoneAndWhileClosedWaitForARequest)
 {
-    const uint8_t atr[] = {0x3B, 0x80, 0x01};
-    rackSimInsertCard(rack, 2, atr, 3);
-    EXPECT_EQ(readNow(), (Bytes{0x55, 0x02, 0x03, 0x05, 0x3B, 0x80, 0x01, 0xE5}));
-    rackSimMuteCard(rack, 2);
-    EXPECT_EQ(readNow(), (Bytes{0x55, 0x02, 0x00, 0x03, 0xA6}));
-    rackSimRemoveCard(rack, 2);
-    EXPECT_EQ(readNow(), (Bytes{0x55, 0x02, 0x00, 0x01, 0xA8}));
-
     // Slots without a reader say nothing, and bad arguments change nothing.
     rackSimInsertCard(rack, 9, kAtr.data(), 2);
     rackSimInsertCard(rack, 2, kAtr.data(), 0);
