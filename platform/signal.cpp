@@ -14,13 +14,18 @@ void Signal::notify()
     if (waiters_.load(std::memory_order_seq_cst) != 0) wakeAll();
 }
 
-bool Signal::wait(uint32_t seen, uint32_t limitMs)
+Signal::Deadline Signal::deadlineIn(uint32_t limitMs)
 {
-    if (generation() != seen) return true;
     // One microsecond over the scaled length, so that a clock of the
     // library that counts whole milliseconds has reached the limit when
     // the wait comes back.
-    const int64_t deadlineUs = os::monotonicMicroseconds() + pauseLengthUs(limitMs) + 1;
+    return Deadline{os::monotonicMicroseconds() + pauseLengthUs(limitMs) + 1};
+}
+
+bool Signal::waitUntil(uint32_t seen, Deadline deadline)
+{
+    if (generation() != seen) return true;
+    const int64_t deadlineUs = deadline.realUs;
     waiters_.fetch_add(1, std::memory_order_seq_cst);
     while (generation() == seen && os::monotonicMicroseconds() < deadlineUs) blockUntil(seen, deadlineUs);
     waiters_.fetch_sub(1, std::memory_order_seq_cst);

@@ -32,7 +32,16 @@ public:
     // Blocks while the generation is still `seen`, for at most `limitMs`
     // milliseconds of the library's clocks (shortened by the test seam's
     // time scale like every pause). True if the generation moved on.
-    bool wait(uint32_t seen, uint32_t limitMs);
+    bool wait(uint32_t seen, uint32_t limitMs) { return waitUntil(seen, deadlineIn(limitMs)); }
+
+    // The same with a deadline fixed beforehand, for a wait that may be
+    // woken for other reasons and sleeps on to the same moment. False only
+    // once the deadline has passed.
+    struct Deadline {
+        int64_t realUs;
+    };
+    static Deadline deadlineIn(uint32_t limitMs);
+    bool waitUntil(uint32_t seen, Deadline deadline);
 
 private:
     // Blocks while the generation is `seen`, until notified or the real

@@ -30,17 +30,16 @@ constexpr uint32_t kShortFrameOverhead = 5;
 constexpr uint32_t kShortDataOffset = 4;
 constexpr uint32_t kExtendedDataOffset = 5;
 
-// One pass of the write wait: lasts `passMs` of the tick counter, and ends
-// early only when the slot's frame has been written.
+// One pass of the write wait: lasts `passMs`, as a pause does, and ends
+// early only when the slot's frame has been written. Another wake of the
+// reader's signal (a frame from the slot) sleeps on to the same deadline.
 void writePass(Reader* reader, uint32_t passMs)
 {
-    const uint32_t start = platform::tickCount();
+    const platform::Signal::Deadline end = platform::Signal::deadlineIn(passMs);
     for (;;) {
         const uint32_t seen = reader->activity.generation();
         if (reader->hasSent() != 0) return;
-        const uint32_t elapsedMs = platform::tickCount() - start;
-        if (elapsedMs >= passMs) return;
-        reader->activity.wait(seen, passMs - elapsedMs);
+        if (!reader->activity.waitUntil(seen, end)) return;
     }
 }
 
