@@ -78,8 +78,11 @@ void Rack::handleEnumerationReply(const uint8_t* frame)
 void Rack::addReader(uint32_t address)
 {
     if (!connected()) return;
-    // The reader is complete before the list publishes it.
+    // The reader is complete before the list publishes it. A new reader
+    // changes the count that status-change waits report for the
+    // plug-and-play name.
     readers_.append(new Reader(address, serial));
+    cardEvents().notify();
 }
 
 void Rack::pollReaders()

@@ -28,6 +28,7 @@ Rack::~Rack()
 void Rack::stopWorkers()
 {
     stopRequested_.store(true, std::memory_order_release);
+    stopSignal_.notify();
     if (receiveEvent_) receiveEvent_->wake();
     workers_[0].join();
     workers_[1].join();
@@ -35,13 +36,16 @@ void Rack::stopWorkers()
 
 void Rack::workerPause(uint32_t milliseconds)
 {
-    // Slices of the receive poll's length: long enough to cost nothing,
-    // short enough that the stop path never waits long.
-    constexpr uint32_t slice = 5;
-    while (milliseconds > 0 && !stopping()) {
-        uint32_t step = milliseconds < slice ? milliseconds : slice;
-        platform::pauseMs(step);
-        milliseconds -= step;
+    // A deadline on the tick counter, not a count of sleeps: however late
+    // a sleep comes back on a loaded machine, the pause ends when its time
+    // is up. The stop path wakes it at once.
+    const uint32_t start = platform::tickCount();
+    for (;;) {
+        const uint32_t seen = stopSignal_.generation();
+        if (stopping()) return;
+        const uint32_t elapsedMs = platform::tickCount() - start;
+        if (elapsedMs >= milliseconds) return;
+        stopSignal_.wait(seen, milliseconds - elapsedMs);
     }
 }
 
@@ -81,6 +85,7 @@ void Rack::reset()
     }
     lockHolder_.store(nullptr);
     for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->blocked.store(0, std::memory_order_release);
+    cardEvents().notify();
     logWrite("ResettingRack: " + tracedBytes(TracedBytes::frame, RackFrame::resetFrame, 5) + "\n");
     uint32_t written = 0;
     FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::resetFrame), 5, &written);

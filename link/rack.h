@@ -15,6 +15,7 @@
 #include "link/rack_frame.h"
 #include "platform/d2xx.h"
 #include "platform/device_event.h"
+#include "platform/signal.h"
 #include "platform/sync.h"
 #include "platform/thread_safety.h"
 #include "platform/thread.h"
@@ -98,6 +99,8 @@ private:
     // A pause of a worker thread that ends early once the workers are told
     // to stop, so that the stop path never waits out a long pause.
     void workerPause(uint32_t milliseconds);
+    // Wakes a worker's pause when the workers are told to stop.
+    platform::Signal stopSignal_;
     bool sendQueueEmpty() EXCLUDES(sendQueueGuard_);
     // The fast link (fast_link.h): set up at open; the receive loop's wait
     // between polls, on the device's event while there is one.

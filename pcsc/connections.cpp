@@ -29,16 +29,27 @@ constexpr DWORD kHighestRequestedProtocol = SCARD_PROTOCOL_T1;
 // Waits until a frame from the slot stands in its incoming mailbox, or the
 // limit has passed. The flag is not cleared before the message goes out, so
 // one that an earlier exchange left set ends the wait at once. Nobody looks
-// at how the wait ended.
+// at how the wait ended. The thread sleeps on the reader's signal, which a
+// frame landing in the mailbox wakes; without a wake it sleeps until the
+// calendar clock's next whole second, the next moment its limit test can
+// change.
 void waitForReaderReply(Reader* reader)
 {
     const int64_t start = platform::calendarSeconds();
+    int64_t secondBeforeSleep = start;
+    bool sleptToBoundary = false;
     for (;;) {
+        const uint32_t seen = reader->activity.generation();
         if (reader->mailboxFull(false, true) != 0) return;
-        if (platform::calendarSeconds() - start >= kReplyWaitSeconds) return;
-        // A busy wait of up to 17 s: give the processor back between polls
-        // so that the rack's worker threads, which deliver the reply, run.
-        platform::yieldProcessor();
+        const int64_t now = platform::calendarSeconds();
+        if (now - start >= kReplyWaitSeconds) return;
+        // The calendar clock can lag the finer clock that timed the sleep
+        // by a scheduler tick: if the second has not moved on yet, look
+        // again in a millisecond rather than a whole second later.
+        uint32_t sleepMs = platform::msToNextCalendarSecond();
+        if (sleptToBoundary && now == secondBeforeSleep) sleepMs = 1;
+        secondBeforeSleep = now;
+        sleptToBoundary = !reader->activity.wait(seen, sleepMs);
     }
 }
 

@@ -1,7 +1,8 @@
 // Status change: tells a host what is in its readers and lets it wait for a
 // card to arrive or leave. The call never talks to a rack. Each rack's
 // status thread keeps the card state and the ATR of its readers, and the
-// call reads those, pass after pass, against what the host says it knows.
+// call reads those against what the host says it knows, again each time a
+// card event wakes it.
 //
 // Besides the readers, a record may name the plug-and-play pseudo-reader
 // "\\?PnP?\Notification", through which clients learn that readers came
@@ -158,10 +159,16 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     for (DWORD i = 0; i < count; ++i) records[i].dwEventState = 0;
 
     // Milliseconds of the tick counter, taken as an unsigned difference so
-    // that the wait also ends across the counter's wrap.
+    // that the wait also ends across the counter's wrap. Between passes the
+    // thread sleeps on the card events, which a change of card state, a new
+    // reader, a rack reset and a cancel all wake; without a wake it sleeps
+    // to the end of its limit. The generation is taken before the pass, so
+    // a change made during the pass ends the sleep at once.
     const uint32_t limitMs = dwTimeout == INFINITE ? kInfiniteWaitMs : dwTimeout;
     const uint32_t start = platform::tickCount();
+    platform::Signal& events = cardEvents();
     for (;;) {
+        const uint32_t seen = events.generation();
         if (wait.cancelled()) {
             logWrite("Wait cancelled\n");
             return SCARD_E_CANCELLED;
@@ -174,11 +181,9 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
             if (refreshRecord(records[i])) changed = true;
         }
         if (changed) return SCARD_S_SUCCESS;
-        if (platform::tickCount() - start >= limitMs) return SCARD_E_TIMEOUT;
-        // The passes poll memory without sleeping; giving the processor back
-        // between them keeps the rack's worker threads running on a machine
-        // with few processors, without stretching the wait.
-        platform::yieldProcessor();
+        const uint32_t elapsedMs = platform::tickCount() - start;
+        if (elapsedMs >= limitMs) return SCARD_E_TIMEOUT;
+        events.wait(seen, limitMs - elapsedMs);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/sync.h"
+#include "reader/reader.h"
 
 namespace {
 
@@ -42,7 +43,15 @@ CancellableWait::~CancellableWait()
 void cancelWaitsOf(SCARDCONTEXT context)
 {
     WaitList& list = waitList();
-    std::lock_guard<platform::ExclusiveLock> guard(list.lock);
-    for (CancellableWait* wait : list.waits)
-        if (wait->context() == context) wait->cancel();
+    bool cancelledAny = false;
+    {
+        std::lock_guard<platform::ExclusiveLock> guard(list.lock);
+        for (CancellableWait* wait : list.waits)
+            if (wait->context() == context) {
+                wait->cancel();
+                cancelledAny = true;
+            }
+    }
+    // The flags are set before the wake, so every woken wait sees its own.
+    if (cancelledAny) cardEvents().notify();
 }

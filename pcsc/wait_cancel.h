@@ -2,7 +2,8 @@
 // end every wait that was called with its context. A wait registers itself
 // for its whole run and looks at its own flag on every pass; a cancel sets
 // the flags of the waits that are registered at that moment, so a wait that
-// starts after it is not touched.
+// starts after it is not touched, and then wakes the sleeping waits through
+// the card events (reader.h), on which every status-change wait sleeps.
 #pragma once
 
 #include <atomic>
@@ -18,7 +19,7 @@ public:
     CancellableWait(const CancellableWait&) = delete;
     CancellableWait& operator=(const CancellableWait&) = delete;
 
-    // Cheap enough for every pass of a polling wait: no lock.
+    // Cheap enough for every pass of a wait: no lock.
     bool cancelled() const { return cancelled_.load(std::memory_order_acquire); }
 
     SCARDCONTEXT context() const { return context_; }

@@ -27,13 +27,17 @@ int64_t wallClockMs();
 // The calendar time in whole seconds (the semantics of time(nullptr)).
 int64_t calendarSeconds();
 
+// Milliseconds (1 to 1,000) until calendarSeconds() next moves on, as far
+// as the finer wall clock tells: how long a wait that tests whole calendar
+// seconds may sleep before its test can change.
+uint32_t msToNextCalendarSecond();
+
 // Formats the given calendar time as local time with a strftime format.
 // Returns the number of characters written, 0 on failure.
 size_t formatLocalTime(char* buffer, size_t capacity, const char* format, int64_t calendarTime);
 
-// Gives the processor back to another ready thread without sleeping. The
-// busy waits of the API call this between polls, so that on a machine with
-// few processors the rack's worker threads still run.
+// Gives the processor back to another ready thread without sleeping, for
+// the few instructions' wait of a sequence-counted copy behind a writer.
 void yieldProcessor();
 
 }  // namespace platform

@@ -69,6 +69,14 @@ int64_t calendarSeconds()
     return (g_originCalendarUs.load(std::memory_order_relaxed) + scaledElapsedUs(scale)) / 1000000;
 }
 
+uint32_t msToNextCalendarSecond()
+{
+    uint32_t scale = g_scale.load(std::memory_order_relaxed);
+    if (scale <= 1) return static_cast<uint32_t>(1000 - os::wallClock100ns() / 10000 % 1000);
+    int64_t calendarUs = g_originCalendarUs.load(std::memory_order_relaxed) + scaledElapsedUs(scale);
+    return static_cast<uint32_t>((1000000 - calendarUs % 1000000 + 999) / 1000);
+}
+
 size_t formatLocalTime(char* buffer, size_t capacity, const char* format, int64_t calendarTime)
 {
     std::tm local{};

@@ -41,4 +41,10 @@ void hideOptionalD2xxFunctions(bool hidden);
 // under way. 0, the default, holds nothing.
 void setLogMovePauseMs(uint32_t milliseconds);
 
+// Calls `hook` in every read of a mailbox, after the frame is copied and
+// before the reader records it as taken, on the reading thread, so that a
+// test can pause a reader there while a writer stores the next frame.
+// nullptr removes it.
+void setMailboxCopyHook(void (*hook)());
+
 }  // namespace platform::testing

@@ -30,40 +30,57 @@ constexpr uint32_t kShortFrameOverhead = 5;
 constexpr uint32_t kShortDataOffset = 4;
 constexpr uint32_t kExtendedDataOffset = 5;
 
+// One pass of the write wait: lasts `passMs`, as a pause does, and ends
+// early only when the slot's frame has been written. Another wake of the
+// reader's signal (a frame from the slot) sleeps on to the same deadline.
+void writePass(Reader* reader, uint32_t passMs)
+{
+    const platform::Signal::Deadline end = platform::Signal::deadlineIn(passMs);
+    for (;;) {
+        const uint32_t seen = reader->activity.generation();
+        if (reader->hasSent() != 0) return;
+        if (!reader->activity.waitUntil(seen, end)) return;
+    }
+}
+
 // Waits for the frame in the outgoing mailbox to leave. False if it did
-// not within the write wait.
+// not within the write wait. Each pass is traced, so the passes keep their
+// length: a thread queued behind others sleeps through its pass and writes
+// one trace line a millisecond, which is all it costs while it waits; it
+// is woken the moment its frame is written rather than at the pass's end.
 bool waitForSend(Reader* reader)
 {
     uint32_t passes = 0;
     while (reader->hasSent() == 0) {
         logWrite("waiting for send\n");
-        platform::pauseMs(kWritePassMs);
+        writePass(reader, kWritePassMs);
         if (++passes > kWritePasses) return false;
     }
     return true;
 }
 
-// Waits for the answer without sleeping. This wait is the one place where
-// an exchange learns of its answer. The clock is the tick counter in
+// Waits for the answer, asleep between tests: the reader's signal wakes it
+// when a frame lands in the incoming mailbox. This wait is the one place
+// where an exchange learns of its answer. The clock is the tick counter in
 // whole seconds, so the wait ends when 40 second boundaries have been
 // crossed since the start: 39 to 40 s. The count of boundaries comes from
 // the start's phase within its second and the unsigned millisecond
 // difference, so the wait also ends across the 32-bit wrap of the counter.
-// `lastTick` receives the last reading of the clock.
+// Without a wake it sleeps exactly until the last boundary. `lastTick`
+// receives the last reading of the clock.
 bool waitForAnswer(Reader* reader, uint32_t& lastTick)
 {
     const uint32_t start = platform::tickCount();
     const uint64_t startPhase = start % 1000;
+    constexpr uint64_t limitMs = kAnswerWaitSeconds * 1000ull;
     lastTick = start;
     for (;;) {
+        const uint32_t seen = reader->activity.generation();
         if (reader->mailboxFull(false, true) != 0) return true;
         lastTick = platform::tickCount();
-        const uint64_t elapsedMs = static_cast<uint32_t>(lastTick - start);
-        if ((startPhase + elapsedMs) / 1000 >= kAnswerWaitSeconds) return false;
-        // The poll keeps its length and its semantics; giving the
-        // processor back between polls lets the rack's worker threads,
-        // which deliver the answer, run on a machine with few processors.
-        platform::yieldProcessor();
+        const uint64_t reachedMs = startPhase + static_cast<uint32_t>(lastTick - start);
+        if (reachedMs / 1000 >= kAnswerWaitSeconds) return false;
+        reader->activity.wait(seen, static_cast<uint32_t>(limitMs - reachedMs));
     }
 }
 
@@ -113,7 +130,7 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
         result.outcome = ExchangeOutcome::noAnswer;
     } else {
         uint8_t frame[Mailbox::capacity] = {};
-        const uint32_t frameLength = reader.readMailbox(false, frame);
+        const uint32_t frameLength = reader.readMailbox(false, frame, nullptr, Mailbox::Taker::exchange);
         uint32_t dataLength = 0;
         uint32_t offset = 0;
         locateAnswer(frameLength, dataLength, offset);

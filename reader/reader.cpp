@@ -12,6 +12,14 @@
 CONSTRUCTED_BEFORE_STARTUP(203) std::vector<uint32_t> g_cardHandles;
 CONSTRUCTED_BEFORE_STARTUP(203) platform::ExclusiveLock g_cardHandlesLock;
 
+platform::Signal& cardEvents()
+{
+    // Never destroyed, so that a host thread still waiting while the
+    // process ends finds it.
+    static platform::Signal* signal = new platform::Signal;
+    return *signal;
+}
+
 void forgetCardHandles()
 {
     platform::LockGuard guard(g_cardHandlesLock);
@@ -38,18 +46,13 @@ void Reader::writeMailbox(bool toOutgoing, const uint8_t* data, uint32_t count)
         return;
     }
     incoming.write(data, count, framesSent.load(std::memory_order_acquire));
-    // The status thread clears `unread` without a lock. If that clearing,
-    // at the end of its read of the previous frame, fell between the write
-    // and here, this frame would be lost to it: mark it unread once more.
-    // Only `unread`: a waiting exchange may already have taken the frame
-    // and finished, and `arrived` set again now could pass this frame off
-    // as the answer to the slot's next command.
-    if (incoming.unread.load(std::memory_order_acquire) == 0) incoming.unread.store(1, std::memory_order_release);
+    activity.notify();
 }
 
-uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination, uint32_t* tag)
+uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination, uint32_t* tag, Mailbox::Taker taker,
+                             uint32_t* number)
 {
-    return fromOutgoing ? outgoing.read(destination, tag) : incoming.read(destination, tag);
+    return fromOutgoing ? outgoing.read(destination, tag) : incoming.read(destination, tag, taker, number);
 }
 
 uint16_t Reader::mailboxFull(bool ofOutgoing, bool selectArrived) const
@@ -103,30 +106,45 @@ FT_STATUS Reader::send(FT_HANDLE device)
         return status;
     }
     hasSent_.store(1, std::memory_order_release);
+    activity.notify();
     logWrite(name + " Tx - " + tracedBytes(TracedBytes::frame, frame, static_cast<int32_t>(size)) + ": " +
              fixedText(static_cast<double>(after - before)) + "\n");
     return status;
 }
 
-void Reader::cardInserted(Atr value)
+// Only the frames up to the one that told of the change are forgotten: an
+// answer that landed behind it is still the waiting exchange's.
+void Reader::cardInserted(Atr value, uint32_t frameNumber)
 {
     atr_.store(value);
     cardState_.store(kStateCard, std::memory_order_release);
-    clearIncoming();
+    if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    cardEvents().notify();
 }
 
-void Reader::cardRemoved(bool mute)
+void Reader::cardRemoved(bool mute, uint32_t frameNumber)
 {
     atr_.store(Atr());
     cardState_.store(mute ? kStateMuteCard : kStateNoCard, std::memory_order_release);
-    clearIncoming();
+    if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    cardEvents().notify();
 }
 
 void Reader::takeTurn()
 {
-    uint32_t free = 0;
-    while (!turn_.compare_exchange_weak(free, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
-        free = 0;
-        platform::pauseMs(1);
+    // A turn held across a whole exchange can last 40 s; the limit only
+    // bounds a wait whose wake-up went astray, and the test runs again.
+    constexpr uint32_t kRecheckMs = 1000;
+    for (;;) {
+        const uint32_t seen = activity.generation();
+        uint32_t free = 0;
+        if (turn_.compare_exchange_strong(free, 1, std::memory_order_acquire, std::memory_order_relaxed)) return;
+        activity.wait(seen, kRecheckMs);
     }
+}
+
+void Reader::giveTurn()
+{
+    turn_.store(0, std::memory_order_release);
+    activity.notify();
 }

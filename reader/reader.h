@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/d2xx.h"
+#include "platform/signal.h"
 #include "platform/sync.h"
 #include "platform/thread_safety.h"
 #include "reader/atr.h"
@@ -23,6 +24,14 @@ extern std::vector<uint32_t> g_cardHandles GUARDED_BY(g_cardHandlesLock);
 
 // Forgets every handle drawn (the stop path and tests).
 void forgetCardHandles();
+
+// Wakes the host threads that wait in a status change: it is notified when
+// a reader's card state changes, when a rack adds a reader or resets, and
+// when a wait is cancelled. One for the whole process, because one status
+// change call watches readers of any number of racks and can sleep on only
+// one signal; such events are rare, so waking every status-change waiter
+// for each costs little.
+platform::Signal& cardEvents();
 
 // Card states: the bit values of the open-source PC/SC headers.
 enum : uint32_t {
@@ -41,8 +50,11 @@ public:
     // head, 1 to 256 bytes; it is wrapped into a frame to this slot.
     // Incoming: `data` is a whole received frame, stored unchanged.
     void writeMailbox(bool outgoing, const uint8_t* data, uint32_t count);
-    // `destination` holds a whole mailbox (Mailbox::capacity bytes).
-    uint32_t readMailbox(bool outgoing, uint8_t* destination, uint32_t* tag = nullptr);
+    // `destination` holds a whole mailbox (Mailbox::capacity bytes). An
+    // incoming frame is recorded as taken by `taker` only; its write number
+    // goes to `number` if given.
+    uint32_t readMailbox(bool outgoing, uint8_t* destination, uint32_t* tag = nullptr,
+                         Mailbox::Taker taker = Mailbox::Taker::status, uint32_t* number = nullptr);
     uint16_t mailboxFull(bool outgoing, bool selectArrived) const;
     void clearIncoming() { incoming.clearArrived(); }
 
@@ -62,16 +74,20 @@ public:
     uint32_t atr(uint8_t* destination) const { return atr_.load().copyTo(destination); }
     Atr atrValue() const { return atr_.load(); }
     uint32_t atrLength() const { return atr_.length(); }
-    void cardInserted(Atr value);
-    void cardRemoved(bool mute);
+    // The exchange forgets the incoming frames up to `frameNumber` (by
+    // default all of them): the frame that told of the change is no answer.
+    void cardInserted(Atr value, uint32_t frameNumber = kAllFrames);
+    void cardRemoved(bool mute, uint32_t frameNumber = kAllFrames);
+    static constexpr uint32_t kAllFrames = 0;
 
     // Two host threads that exchange with the same slot would share one
     // pair of mailboxes and could take each other's answers. Every host
     // call that sends to the slot and waits for its reply (connect,
     // reconnect, disconnect, transmit) holds the slot's turn for the whole
-    // exchange; a second caller polls until the first is done.
+    // exchange; a second caller sleeps on the reader's signal until the
+    // first is done.
     void takeTurn();
-    void giveTurn() { turn_.store(0, std::memory_order_release); }
+    void giveTurn();
 
     static uint32_t newHandle() EXCLUDES(g_cardHandlesLock);
 
@@ -92,6 +108,15 @@ public:
     // with the count of its moment, so that a frame can be told apart from
     // one that answers a later message.
     std::atomic<uint32_t> framesSent{0};
+    // Wakes the host threads that wait on this slot: the exchange or
+    // connect waiting for its frame to leave or for the slot's reply, and
+    // callers waiting for the turn. Notified when the slot's frame is
+    // written to the link, when a frame lands in the incoming mailbox and
+    // when the turn is given back. One per reader: only the threads of one
+    // slot wait for these, so a frame to one slot wakes nobody else's
+    // threads; a wake meant for another of the slot's waiters costs a
+    // re-test.
+    platform::Signal activity;
 
 private:
     std::atomic<uint32_t> turn_{0};

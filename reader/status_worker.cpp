@@ -40,7 +40,8 @@ void takeReaderStatus(Rack& rack, Reader& reader)
 {
     uint8_t frame[Mailbox::capacity] = {};
     uint32_t sentWhenStored = 0;
-    reader.readMailbox(false, frame, &sentWhenStored);
+    uint32_t frameNumber = 0;
+    reader.readMailbox(false, frame, &sentWhenStored, Mailbox::Taker::status, &frameNumber);
     uint8_t status = frameStatus(frame);
     bool extended = frame[3] == RackFrame::extendedMarker;
 
@@ -58,7 +59,7 @@ void takeReaderStatus(Rack& rack, Reader& reader)
             logWrite(reader.name + " Reader without card found.\n");
         } else {
             logWrite(reader.name + ": Reader with card found.\n");
-            reader.cardInserted(Atr(frame + 4, frame[2]));
+            reader.cardInserted(Atr(frame + 4, frame[2]), frameNumber);
         }
         if (count == rack.readers().size()) {
             logWrite("SCR " + rack.serialNumber() + ": Status collection complete, sending C2\n");
@@ -70,17 +71,17 @@ void takeReaderStatus(Rack& rack, Reader& reader)
     if (extended || status == kStatusCardData) {
         if (reader.atrLength() == 0) {
             logWrite(reader.name + ": New card found\n");
-            reader.cardInserted(Atr(frame + 4, frame[2]));
+            reader.cardInserted(Atr(frame + 4, frame[2]), frameNumber);
         }
         return;
     }
     switch (status) {
     case kStatusNoCard:
         logWrite(reader.name + ": Card removed\n");
-        reader.cardRemoved(false);
+        reader.cardRemoved(false, frameNumber);
         break;
     case kStatusMute:
-        reader.cardRemoved(true);
+        reader.cardRemoved(true, frameNumber);
         break;
     case kStatusNoEvent2:
     case kStatusNoEvent4:

@@ -2,7 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
+#include <vector>
+
+#include "platform/test_seam.h"
 
 #include "reader/atr.h"
 #include "reader/mailbox.h"
@@ -71,6 +75,76 @@ TEST(Mailbox, AReaderNeverSeesHalfOfOneFrameAndHalfOfAnother)
     }
     writer.join();
     EXPECT_GT(checked, 0u);
+}
+
+// The status thread and a waiting exchange each take every frame, even
+// when the next frame is written while a reader is still finishing its
+// read of the last one: the hook holds the status reader there for 50 us
+// and the writer stores the next frame in that window.
+std::atomic<uint32_t> g_statusCopies{0};
+thread_local bool t_countsCopies = false;
+
+void pauseInStatusCopy()
+{
+    if (!t_countsCopies) return;
+    g_statusCopies.fetch_add(1);
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+}
+
+uint32_t frameId(const Bytes& frame) { return frame[0] | frame[1] << 8; }
+
+TEST(Mailbox, BothReadersTakeEveryFrameWrittenWhileTheStatusReaderFinishesACopy)
+{
+    constexpr uint32_t kFrames = 1000;
+    Reader reader(3, "SER");
+    Mailbox& box = reader.incoming;
+    g_statusCopies = 0;
+    platform::testing::setMailboxCopyHook(pauseInStatusCopy);
+    std::atomic<bool> done{false};
+    std::vector<uint32_t> statusTook, exchangeTook;
+    std::atomic<uint32_t> lastExchangeId{0};
+    auto follow = [&](Mailbox::Taker taker, std::vector<uint32_t>& took) {
+        t_countsCopies = taker == Mailbox::Taker::status;
+        Bytes out(Mailbox::capacity);
+        while (!done) {
+            if (!box.flag(taker == Mailbox::Taker::exchange)) {
+                std::this_thread::yield();
+                continue;
+            }
+            reader.readMailbox(false, out.data(), nullptr, taker);
+            took.push_back(frameId(out));
+            if (taker == Mailbox::Taker::exchange) lastExchangeId = frameId(out);
+        }
+    };
+    std::thread status(follow, Mailbox::Taker::status, std::ref(statusTook));
+    std::thread exchange(follow, Mailbox::Taker::exchange, std::ref(exchangeTook));
+
+    // A generous bound, only so that a lost frame fails instead of hanging.
+    auto waitFor = [](auto condition) {
+        auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!condition() && std::chrono::steady_clock::now() < giveUp) std::this_thread::yield();
+        return condition();
+    };
+    Bytes frame(8, 0);
+    for (uint32_t id = 1; id <= kFrames; ++id) {
+        frame[0] = static_cast<uint8_t>(id);
+        frame[1] = static_cast<uint8_t>(id >> 8);
+        reader.writeMailbox(false, frame.data(), 8);
+        // The next frame goes in while the status reader pauses after its copy.
+        if (!waitFor([&] { return g_statusCopies.load() >= id && lastExchangeId.load() == id; })) break;
+    }
+    bool settled = waitFor([&] { return box.flag(false) == 0 && box.flag(true) == 0; });
+    done = true;
+    status.join();
+    exchange.join();
+    platform::testing::setMailboxCopyHook(nullptr);
+
+    EXPECT_TRUE(settled);
+    std::vector<uint32_t> every(kFrames);
+    for (uint32_t i = 0; i < kFrames; ++i) every[i] = i + 1;
+    EXPECT_EQ(statusTook, every);
+    EXPECT_EQ(exchangeTook, every);
+    forgetCardHandles();
 }
 
 TEST(SharedAtr, ReadersGetWholeValuesWhileOneThreadStores)
