@@ -164,7 +164,12 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     // reader, a rack reset and a cancel all wake; without a wake it sleeps
     // to the end of its limit. The generation is taken before the pass, so
     // a change made during the pass ends the sleep at once.
-    const uint32_t limitMs = dwTimeout == INFINITE ? kInfiniteWaitMs : dwTimeout;
+    // Where DWORD is wider than 32 bits (pcsc-lite's ABI on 64-bit Linux),
+    // a time-out past the 32-bit range cannot be counted on the tick
+    // counter; it is taken as INFINITE, as (DWORD)-1 from such a client
+    // means, rather than cut to whatever its low bits say.
+    const bool infinite = dwTimeout == INFINITE || dwTimeout > 0xFFFFFFFFu;
+    const uint32_t limitMs = infinite ? kInfiniteWaitMs : static_cast<uint32_t>(dwTimeout);
     const uint32_t start = platform::tickCount();
     platform::Signal& events = cardEvents();
     for (;;) {

@@ -167,11 +167,16 @@ TEST_F(StatusChangeTest, AStateTheHostKnowsTimesOutWithTheLastPassInTheRecords)
     EXPECT_EQ(mute.dwEventState, kMuteSeen);
 
     // An INFINITE wait ends after one minute of library time, most of which
-    // has passed.
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(SCardGetStatusChangeA(0, INFINITE, &empty, 1), SCARD_E_TIMEOUT);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(55000 / kTimeScale));
-    EXPECT_EQ(empty.dwEventState, kEmptySeen);
+    // has passed. Where DWORD is 64 bits wide, a time-out past 32 bits is
+    // taken as INFINITE, not cut to its low bits (here 100 ms).
+    std::vector<DWORD> infinite{INFINITE};
+    if (sizeof(DWORD) > 4) infinite.push_back(static_cast<DWORD>((uint64_t{1} << 32) + 100));
+    for (DWORD timeout : infinite) {
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(SCardGetStatusChangeA(0, timeout, &empty, 1), SCARD_E_TIMEOUT);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(55000 / kTimeScale)) << timeout;
+        EXPECT_EQ(empty.dwEventState, kEmptySeen);
+    }
 }
 
 TEST_F(StatusChangeTest, AHostIsWokenWhenACardComesAndWhenItGoes)
