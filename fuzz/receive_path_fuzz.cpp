@@ -42,22 +42,13 @@ struct Run {
     int64_t now;
     int64_t step;
 
-    // The status thread's pass.
-    void statusPass()
-    {
-        for (size_t i = 0, n = rack.readers().size(); i < n; ++i) {
-            Reader* reader = rack.readers()[i];
-            if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
-        }
-    }
-
     // Both threads' passes until the device has nothing more to give.
     void drain()
     {
         for (int pass = 0; pass < kMostPasses; ++pass) {
             now += step;
             bool waited = rack.receivePass(now) > 0;
-            statusPass();
+            takeNewStatuses(rack);
             if (!waited && rack.receivePass(now += step) == 0) return;
         }
         __builtin_trap();  // the receive path went round without end

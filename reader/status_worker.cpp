@@ -28,11 +28,16 @@ void runStatusWorker(Rack& rack)
 {
     while (!rack.stopping()) {
         platform::pauseMs(kPollMs);
-        const GrowingList<Reader*>& readers = rack.readers();
-        for (size_t i = 0, n = readers.size(); i < n; ++i) {
-            Reader* reader = readers[i];
-            if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
-        }
+        takeNewStatuses(rack);
+    }
+}
+
+void takeNewStatuses(Rack& rack)
+{
+    const GrowingList<Reader*>& readers = rack.readers();
+    for (size_t i = 0, n = readers.size(); i < n; ++i) {
+        Reader* reader = readers[i];
+        if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
     }
 }
 
