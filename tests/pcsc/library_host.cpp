@@ -12,6 +12,7 @@
 #include <cstring>
 #include <cstdint>
 
+#include "pcsc/pcsc_types.h"
 #include "sim/rack_sim.h"
 
 namespace {
@@ -28,10 +29,12 @@ int runHost(const char* libraryPath, const char* way)
         std::fprintf(stderr, "%s\n", dlerror());
         return 1;
     }
-    using Establish = int32_t (*)(uint32_t, const void*, const void*, uint32_t*);
+    // The library's own ABI: pcsc-lite's DWORD and SCARDCONTEXT are 8 bytes
+    // on 64-bit Linux.
+    using Establish = LONG (*)(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT);
     auto establish = reinterpret_cast<Establish>(dlsym(library, "SCardEstablishContext"));
     if (establish == nullptr) return 1;
-    uint32_t context = 0;
+    SCARDCONTEXT context = 0;
     if (establish(0, nullptr, nullptr, &context) != 0) return 1;
     // Card events keep the rack threads tracing while the process leaves.
     rackSimRemoveCard(device, 1);
