@@ -22,6 +22,8 @@ Signal::Deadline Signal::deadlineIn(uint32_t limitMs)
     return Deadline{os::monotonicMicroseconds() + pauseLengthUs(limitMs) + 1};
 }
 
+bool Signal::reached(Deadline deadline) { return os::monotonicMicroseconds() >= deadline.realUs; }
+
 bool Signal::waitUntil(uint32_t seen, Deadline deadline)
 {
     if (generation() != seen) return true;

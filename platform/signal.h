@@ -41,6 +41,8 @@ public:
         int64_t realUs;
     };
     static Deadline deadlineIn(uint32_t limitMs);
+    static bool reached(Deadline deadline);
+    static Deadline earlier(Deadline a, Deadline b) { return a.realUs < b.realUs ? a : b; }
     bool waitUntil(uint32_t seen, Deadline deadline);
 
 private:

@@ -19,9 +19,10 @@
 
 namespace {
 
-// The write wait: passes of 1 ms each.
-constexpr uint32_t kWritePasses = 120000;
-constexpr uint32_t kWritePassMs = 1;
+// The write wait: 120 s in all, as long as its 120,000 passes of 1 ms
+// took when it polled. While it waits, one "waiting for send" a second.
+constexpr uint32_t kWriteWaitMs = 120000;
+constexpr uint32_t kWriteTraceEveryMs = 1000;
 // The answer wait, in whole seconds of the tick counter.
 constexpr uint32_t kAnswerWaitSeconds = 40;
 // Head and checksum of a short frame: 0x55, address, length, status, and
@@ -30,31 +31,29 @@ constexpr uint32_t kShortFrameOverhead = 5;
 constexpr uint32_t kShortDataOffset = 4;
 constexpr uint32_t kExtendedDataOffset = 5;
 
-// One pass of the write wait: lasts `passMs`, as a pause does, and ends
-// early only when the slot's frame has been written. Another wake of the
-// reader's signal (a frame from the slot) sleeps on to the same deadline.
-void writePass(Reader* reader, uint32_t passMs)
-{
-    const platform::Signal::Deadline end = platform::Signal::deadlineIn(passMs);
-    for (;;) {
-        const uint32_t seen = reader->activity.generation();
-        if (reader->hasSent() != 0) return;
-        if (!reader->activity.waitUntil(seen, end)) return;
-    }
-}
-
 // Waits for the frame in the outgoing mailbox to leave. False if it did
-// not within the write wait. Each pass is traced, so the passes keep their
-// length: a thread queued behind others sleeps through its pass and writes
-// one trace line a millisecond, which is all it costs while it waits; it
-// is woken the moment its frame is written rather than at the pass's end.
+// not within the write wait. The thread sleeps until the frame is written:
+// Reader::send wakes it. A thread queued behind the other slots of a busy
+// rack used to wake every millisecond and trace each pass, which with tens
+// of queued threads took more processor than the exchanges themselves and
+// grew the log by megabytes a second; now the trace shows one
+// "waiting for send" when the wait begins and one for every second it
+// lasts, so a thread stuck in the queue still shows in the log. Other wakes
+// of the reader's signal (a frame from the slot, a turn given back) sleep
+// on to the same second.
 bool waitForSend(Reader* reader)
 {
-    uint32_t passes = 0;
+    const platform::Signal::Deadline limit = platform::Signal::deadlineIn(kWriteWaitMs);
     while (reader->hasSent() == 0) {
+        if (platform::Signal::reached(limit)) return false;
         logWrite("waiting for send\n");
-        writePass(reader, kWritePassMs);
-        if (++passes > kWritePasses) return false;
+        const platform::Signal::Deadline traceAgain =
+            platform::Signal::earlier(platform::Signal::deadlineIn(kWriteTraceEveryMs), limit);
+        for (;;) {
+            const uint32_t seen = reader->activity.generation();
+            if (reader->hasSent() != 0) return true;
+            if (!reader->activity.waitUntil(seen, traceAgain)) break;
+        }
     }
     return true;
 }
