@@ -13,7 +13,7 @@
 # Settings of the library (TESSEL_TRACE=off, ...) pass through Wine to it.
 #
 # A process's own processor time under Wine leaves out what the wineserver
-# does on its behalf (every wait on an event, every signal goes through it),
+# does on its behalf (thread and handle management, waits on kernel objects),
 # so the report adds the wineserver's processor time over each run, read from
 # /proc/<pid>/stat of this prefix's server, which this script starts itself.
 # Every step is bounded by a time-out, and the prefix is always removed.
@@ -120,7 +120,7 @@ run_build() {  # bits
       awk -v ticks=$((after - before)) -v hz="$ticks_per_second" -v s="$ms_wall" 'BEGIN {
         s /= 1000
         ms = ticks * 1000 / hz
-        printf "The wineserver over this run (%.1f s, the program from start to end, bring-up included): %.0f ms of processor time, %.1f%% of a core. It serves every process of the prefix; here that is this program'"'"'s waits on events, its signals and its other server calls.\n\n", s, ms, ms / (s * 10)
+        printf "The wineserver over this run (%.1f s, the program from start to end, bring-up included): %.0f ms of processor time, %.1f%% of a core. It serves every process of the prefix: this program'"'"'s server calls (threads, handles, waits on kernel objects; the library'"'"'s own waits block on condition variables, which Wine keeps inside the process) and those of the Wine services that start with it.\n\n", s, ms, ms / (s * 10)
       }'
     } | tee -a "$report"
   done

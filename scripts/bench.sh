@@ -17,8 +17,8 @@
 #                               their targets (about 70 s; not published)
 #   scripts/bench.sh --wine [32|64|both]
 #                               the same for the Windows DLL under Wine
-#                               (default 32-bit; about 2 minutes per build;
-#                               writes build/bench/wine-report.md)
+#                               (default 32-bit; about 80 s per build once
+#                               built; writes build/bench/wine-report.md)
 #
 # BENCH_BUILD_DIR (default build/native), BENCH_OUT_DIR (default build/bench)
 # and BENCH_JOBS (default: all processors) change where and how it builds;
