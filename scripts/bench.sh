@@ -15,6 +15,10 @@
 #   scripts/bench.sh --load     only the waiting calls and the scaling of
 #                               short exchanges from 1 to 64 threads, with
 #                               their targets (about 70 s; not published)
+#   scripts/bench.sh --wine [32|64|both]
+#                               the same for the Windows DLL under Wine
+#                               (default 32-bit; about 80 s per build once
+#                               built; writes build/bench/wine-report.md)
 #
 # BENCH_BUILD_DIR (default build/native), BENCH_OUT_DIR (default build/bench)
 # and BENCH_JOBS (default: all processors) change where and how it builds;
@@ -31,20 +35,32 @@ for ms in ${BENCH_LATENCY_TIMERS:-16 2}; do timers+=(--latency-timer "$ms"); don
 publish=no
 quick=()
 only=()
-for arg in "$@"; do
-  case "$arg" in
+wine_bits=()
+while [ $# -gt 0 ]; do
+  case "$1" in
     --publish) publish=yes ;;
     --quick) quick=(--quick) ;;
     --load) only=(--load-only) ;;
-    *) echo "usage: $0 [--quick] [--publish | --load]" >&2; exit 2 ;;
+    --wine)
+      case "${2:-}" in
+        32 | 64) wine_bits=("$2"); shift ;;
+        both) wine_bits=(32 64); shift ;;
+        *) wine_bits=(32) ;;
+      esac ;;
+    *) echo "usage: $0 [--quick] [--publish | --load | --wine [32|64|both]]" >&2; exit 2 ;;
   esac
+  shift
 done
-if [ "$publish" = yes ] && [ ${#only[@]} -gt 0 ]; then
-  echo "bench: --load makes a partial report; it is not published" >&2
+if [ "$publish" = yes ] && { [ ${#only[@]} -gt 0 ] || [ ${#wine_bits[@]} -gt 0 ]; }; then
+  echo "bench: --load and --wine make partial reports; they are not published" >&2
   exit 2
 fi
 
 bash scripts/install-deps.sh
+
+if [ ${#wine_bits[@]} -gt 0 ]; then
+  exec bash bench/wine_load_bench.sh "${wine_bits[@]}" "${quick[@]}"
+fi
 
 echo "=== build ($build) ==="
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
