@@ -1050,8 +1050,8 @@ std::string report(const std::vector<Run>& runs, const Settings& settings, const
     for (const Run& run : runs)
         r << " | " << verdict(run.drop < 10.0)
           << fmt(": %.1f%% (%.1f → %.1f exchanges/s)", run.drop, run.aloneRate, run.waitingRate);
-    r << " | processor share: the waits poll without sleeping and take cores (see the CPU columns), while the "
-         "exchange rate is held by the timer or the poll |\n\n";
+    r << " | processor share: a waiting call sleeps until it is woken and takes no core (see the CPU columns), "
+         "while the exchange rate is held by the timer or the poll |\n\n";
 
     // ---- One exchange.
     r << "## One exchange at a time\n\n";
@@ -1133,7 +1133,7 @@ std::string report(const std::vector<Run>& runs, const Settings& settings, const
              "acknowledge; the figure in brackets has it leave 1 ms later, as when the scheduler is slow to wake the "
              "writing thread. Where the acknowledge becomes readable just before a pass, that 1 ms costs a whole "
              "pass. A measured rate below 90% of the device figure but near the late one is held by that rounding to "
-             "whole passes; one below both by processor time: the library's spinning waits (see the cores busy "
+             "whole passes; one below both by processor time: the library's own work (see the cores busy "
              "below) and whatever else the machine runs. "
           << (shortfalls.empty() ? std::string("None does in this run.") : "Below 90% in this run: " + shortfalls + ".")
           << "\n";
