@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "sim/rack_registry.h"
+#include "sim/rx_event.h"
 
 using racksim::Bytes;
 using racksim::RackDevice;
@@ -258,5 +259,7 @@ long long RACKSIM_CALL rackSimCounter(int device, int counter)
     });
     return result;
 }
+
+long long RACKSIM_CALL rackSimOwnCpuUs(void) { return racksim::watcherCpuUs(); }
 
 }  // extern "C"

@@ -1,6 +1,8 @@
 #include "sim/rx_event.h"
 
+#include <atomic>
 #include <chrono>
+#include <ctime>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -22,6 +24,27 @@ struct Watcher {
     bool lookAgain = false;
 };
 
+// The watcher's processor time: what its ended runs used, and the running
+// one's so far.
+std::atomic<long long> g_endedRunsCpuUs{0};
+std::atomic<long long> g_cpuUs{0};
+
+long long ownThreadCpuUs()
+{
+#ifdef _WIN32
+    FILETIME created, exited, kernel, user;
+    if (!GetThreadTimes(GetCurrentThread(), &created, &exited, &kernel, &user)) return 0;
+    auto count = [](const FILETIME& t) {
+        return static_cast<long long>((static_cast<unsigned long long>(t.dwHighDateTime) << 32) | t.dwLowDateTime);
+    };
+    return (count(kernel) + count(user)) / 10;
+#else
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<long long>(t.tv_sec) * 1000000 + t.tv_nsec / 1000;
+#endif
+}
+
 Watcher& watcher()
 {
     static Watcher* instance = new Watcher;  // outlives every device, like the registry
@@ -33,7 +56,9 @@ void watch()
     Registry& r = registry();
     Watcher& w = watcher();
     std::unique_lock<std::mutex> lock(r.mutex);
+    const long long before = g_endedRunsCpuUs.load();
     for (;;) {
+        g_cpuUs.store(before + ownThreadCpuUs());
         w.lookAgain = false;
         Nanos now = clockNow();
         Nanos next = kNever;
@@ -45,6 +70,8 @@ void watch()
             next = std::min(next, device->notifyIfReadable(now));
         }
         if (!anyArmed) {
+            g_endedRunsCpuUs.store(before + ownThreadCpuUs());
+            g_cpuUs.store(g_endedRunsCpuUs.load());
             w.running = false;
             return;
         }
@@ -57,6 +84,8 @@ void watch()
 }
 
 }  // namespace
+
+long long watcherCpuUs() { return g_cpuUs.load(); }
 
 void wakeEventWatcher()
 {

@@ -14,4 +14,8 @@ void wakeEventWatcher();
 // EVENT_HANDLE record (its flag set and its condition signalled).
 void signalEvent(void* parameter);
 
+// Processor time the watcher has used since the emulator loaded, in
+// microseconds, brought up to date at each of its passes.
+long long watcherCpuUs();
+
 }  // namespace racksim

@@ -139,9 +139,10 @@ TEST_F(SimDevices, RacksDescribedByText)
     const Bytes defaultAtr{0x3B, 0x8A, 0x80, 0x01, 0x54, 0x65, 0x73, 0x73, 0x65, 0x6C, 0x52, 0x61, 0x63, 0x6B, 0x08};
     struct Row {
         std::string text;
-        int racks, slots, cards, mute;
-        bool echo;
-        Bytes atr;
+        int racks;  // -1: the text is refused, and the rest is not looked at
+        int slots = 0, cards = 0, mute = 0;
+        bool echo = false;
+        Bytes atr = {};
     };
     const Row rows[] = {
         {"racks=2,slots=8,cards=3,mute=1,echo=1", 2, 8, 3, 1, true, defaultAtr},
