@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "bench/bus_model.h"
+#include "bench/report_text.h"
 #include "diag/trace_log.h"
 #include "pcsc/registry.h"
 #include "pcsc/registry_testing.h"
@@ -50,6 +51,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 using namespace bus_model;
+using report_text::fmt;
+using report_text::percent;
 
 // ---- Measuring ----------------------------------------------------------
 
@@ -96,19 +99,6 @@ double mean(const std::vector<double>& values)
     for (double v : values) sum += v;
     return values.empty() ? 0 : sum / static_cast<double>(values.size());
 }
-
-std::string fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* format, ...)
-{
-    char buffer[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(buffer, sizeof buffer, format, args);
-    va_end(args);
-    return buffer;
-}
-
-std::string percent(double part, double whole) { return whole > 0 ? fmt("%.0f%%", part / whole * 100.0) : "-"; }
 
 // ---- The library's log ---------------------------------------------------
 

@@ -29,12 +29,15 @@
 #include <vector>
 
 #include "bench/bus_model.h"
+#include "bench/report_text.h"
 #include "sim/rack_sim.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using bus_model::Shape;
+using report_text::fmt;
+using report_text::percent;
 
 // Each export is typed by its published declaration; a member is resolved
 // by its own name.
@@ -116,19 +119,6 @@ double threadCpuMs(HANDLE thread)
     if (!GetThreadTimes(thread, &created, &exited, &kernel, &user)) return 0;
     return fileTimeMs(kernel) + fileTimeMs(user);
 }
-
-std::string fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* format, ...)
-{
-    char buffer[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(buffer, sizeof buffer, format, args);
-    va_end(args);
-    return buffer;
-}
-
-std::string percent(double part, double whole) { return whole > 0 ? fmt("%.0f%%", part / whole * 100.0) : "-"; }
 
 bool exchange(SCARDHANDLE handle)
 {
