@@ -89,6 +89,8 @@ void startLog()
     g_open.rotateAt = g_open.settings.limitBytes;
     g_open.banner.clear();
     g_open.bannerTaken = false;
+    // A new load formats its stamps afresh, under the time zone it finds.
+    g_open.stampSecond[0] = g_open.stampSecond[1] = -1;
     g_mode.store(g_open.settings.mode, std::memory_order_relaxed);
     g_open.file.close();
     if (g_open.settings.mode == TraceMode::off) return;
