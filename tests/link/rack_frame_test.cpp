@@ -14,7 +14,9 @@ TEST(RackFrame, CommandsToAReaderGiveTheirExactBytes)
 {
     Bytes largest(256, 0x55);  // a data byte of 0x55 travels unchanged
     largest[0] = 0x40;
-    Bytes largestFrame{0x55, 0xF0, 0xFF};
+    Bytes largestFrame;
+    largestFrame.reserve(3 + largest.size() + 1);
+    largestFrame.assign({0x55, 0xF0, 0xFF});
     largestFrame.insert(largestFrame.end(), largest.begin(), largest.end());
     largestFrame.push_back(frameChecksum(largestFrame.data(), 259));
     const struct {

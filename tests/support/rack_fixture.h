@@ -126,7 +126,11 @@ namespace test_support {
 // A frame from a slot as a rack sends it, with its checksum.
 inline std::vector<uint8_t> slotFrame(uint8_t address, uint8_t status, const std::vector<uint8_t>& data)
 {
-    std::vector<uint8_t> frame{0x55, address, static_cast<uint8_t>(data.size()), status};
+    // Built by appending into reserved room: GCC 12 misreads an insert into
+    // a vector made from an initializer list as writing past its end.
+    std::vector<uint8_t> frame;
+    frame.reserve(4 + data.size() + 1);
+    frame.assign({0x55, address, static_cast<uint8_t>(data.size()), status});
     frame.insert(frame.end(), data.begin(), data.end());
     uint32_t sum = 0;
     for (uint8_t b : frame) sum += b;
