@@ -62,7 +62,7 @@ RACKSIM_API void RACKSIM_CALL rackSimDetachVirtualCard(int device, int address);
 
 /* How long a virtual card may take over its ATR or an answer before it is
  * taken for mute; default 30,000 ms, at least 1. For waits that start
- * after the call. */
+ * after the call; rackSimReset restores the default. */
 RACKSIM_API void RACKSIM_CALL rackSimSetVirtualCardTimeoutMs(unsigned milliseconds);
 
 #ifdef __cplusplus

@@ -293,6 +293,7 @@ void Hub::detachAll()
     closeFd(wakeRead_);
     closeFd(wakeWrite_);
     stopping_ = false;
+    timeout_ = kDefaultVirtualCardTimeout;
 }
 
 void Hub::run()
