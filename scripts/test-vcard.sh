@@ -33,7 +33,12 @@ stop_vicc() {
     vicc_pid=
   fi
 }
-cleanup() { stop_vicc; rm -rf "$work"; }
+check_pid=
+cleanup() {
+  stop_vicc
+  if [ -n "$check_pid" ]; then kill "$check_pid" 2>/dev/null || true; fi
+  rm -rf "$work"
+}
 trap cleanup EXIT
 trap 'exit 1' INT TERM
 
