@@ -44,8 +44,6 @@ public:
     State state() const { return state_; }
     // Whether part of a message has arrived and its rest not yet.
     bool midMessage() const { return !head_.empty() || inBody_; }
-    // The length announced by the message now arriving (0 before its head).
-    size_t announced() const { return expected_; }
 
 private:
     size_t longest_;
