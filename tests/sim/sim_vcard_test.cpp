@@ -229,6 +229,28 @@ TEST_F(SimVirtualCard, ConnectingInsertsCommandsGoToTheCardAndDisconnectingRemov
     insertCard(next, {0x3B, 0x00});
 }
 
+// On a paced line the card's answer is held by the latency timer like any
+// other short frame (only lower bounds on time, as for the emulator's own
+// cards).
+TEST_F(SimVirtualCard, AnswersTakeTheLineAndTheLatencyTimer)
+{
+    FakeCard card;
+    insertCard(card);
+    rackSimSetWireRealism(rack, 1);
+    rackSimSetLatencyTimerMs(rack, 60);
+    // The frame reaches the rack, and the card, once its wire time is over
+    // and the host looks again.
+    write(hostFrame(1, 0x40, kCommand));
+    EXPECT_EQ(readBytes(5), hostFrame(1, 0x06));
+    EXPECT_EQ(card.receive(), kCommand);
+    const auto answered = Clock::now();
+    card.send({0x90, 0x00});
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(queued(), 0u) << "a 60 ms timer still holds the answer after 20 ms";
+    EXPECT_EQ(readBytes(7), hostFrame(1, 0x04, {0x90, 0x00}));
+    EXPECT_GE(Clock::now() - answered, std::chrono::milliseconds(60));
+}
+
 // Each row is a card that misbehaves, from the ATR request on or after a
 // command, and what the host sees: a mute card (status 3) or a removal
 // (status 1), as an event or as the answer to the command. A card taken
