@@ -221,12 +221,15 @@ TEST_F(SimVirtualCard, ConnectingInsertsCommandsGoToTheCardAndDisconnectingRemov
     card.send({0x6A, 0x82});
     EXPECT_EQ(readBytes(7), hostFrame(1, 0x04, {0x6A, 0x82}));
 
+    // A second card that connects meanwhile waits its turn, and is
+    // inserted once the first has gone.
+    FakeCard next;
+    ASSERT_TRUE(next.connectTo(port));
+    EXPECT_EQ(next.receive(std::chrono::milliseconds(100)), std::nullopt);
     card.close();
     EXPECT_EQ(readBytes(5), hostFrame(1, 0x01));
-
-    // The next card to connect is inserted in turn.
-    FakeCard next;
-    insertCard(next, {0x3B, 0x00});
+    next.insert({0x3B, 0x00});
+    EXPECT_EQ(readBytes(7), hostFrame(1, 0x05, {0x3B, 0x00}));
 }
 
 // On a paced line the card's answer is held by the latency timer like any
