@@ -54,10 +54,15 @@ start_vicc() {  # start_vicc ARGS...: vicc in the background, its log in $work/v
   vicc_pid=$!
 }
 free_port() { /usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-# Waits until something listens on 127.0.0.1:$1, without connecting to it.
+# Waits until something listens on TCP port $1, without connecting to it
+# (a connection would be a card to the emulator): the kernel's socket list,
+# state 0A is LISTEN.
 wait_listening() {
+  local hex
+  hex=$(printf '%04X' "$1")
   for _ in $(seq 1 100); do
-    ss -ltnH "sport = :$1" 2>/dev/null | grep -q . && return 0
+    awk -v port="$hex" '$4 == "0A" && substr($2, index($2, ":") + 1) == port {found = 1} END {exit !found}' \
+      /proc/net/tcp && return 0
     sleep 0.1
   done
   return 1
