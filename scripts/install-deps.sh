@@ -15,6 +15,7 @@ native_packages=(
   g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
   zip unzip
   libpcsclite-dev pcsc-tools opensc python3-pyscard
+  vsmartcard-vpicc python3-pycryptodome
 )
 
 missing=()

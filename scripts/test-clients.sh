@@ -92,5 +92,7 @@ else
   fail "pyscard"
 fi
 
+bash scripts/test-vcard.sh "$build" && pass "vicc in an emulated slot (scripts/test-vcard.sh)" || fail "vicc in an emulated slot (scripts/test-vcard.sh)"
+
 if [ $failures -gt 0 ]; then echo "test-clients: $failures check(s) failed"; exit 1; fi
 echo "test-clients: all checks passed"

@@ -18,6 +18,8 @@ constexpr uint8_t kEnumerate = 0xC1;
 constexpr uint8_t kStatusCollected = 0xC2;
 constexpr uint8_t kSlotMap = 0xC5;
 constexpr uint8_t kCardCommand = 0x40;
+constexpr uint8_t kSelectT0 = 0x20;
+constexpr uint8_t kSelectT1 = 0x60;
 
 constexpr size_t kOversizedLength = 1600;
 constexpr size_t kTruncatedBy = 2;
@@ -137,6 +139,17 @@ void RackDevice::cardChanged(int address, Nanos now)
     advance(now);
 }
 
+void RackDevice::virtualCardAnswered(int address, const Bytes& answer, uint8_t status, Nanos now)
+{
+    advance(now);
+    if (!open_) return;
+    Slot& s = slot(address);
+    const uint8_t a = static_cast<uint8_t>(address);
+    send(now, status != 0 ? rackFrame(a, status, {}) : rackFrame(a, s.answerStatus, answer), address, true,
+         status == 0);
+    advance(now);
+}
+
 void RackDevice::setDeviceFault(int fault, bool on)
 {
     switch (fault) {
@@ -216,6 +229,8 @@ void RackDevice::masterFrame(uint8_t command, Nanos at)
     case kReset:
         // The rack drops whatever its slots were still working on.
         line_.dropScheduled();
+        for (Slot& s : slots_)
+            if (s.virtualCard) s.virtualCard->rackReset();
         break;
     case kEnumerate:
         if (!silentEnumerate_) {
@@ -255,6 +270,16 @@ void RackDevice::slotFrame(int address, uint8_t command, const Bytes& data, Nano
     }
 
     uint8_t a = static_cast<uint8_t>(address);
+    if (s.virtualCard && command == kCardCommand && s.card == Slot::Card::Present) {
+        // The card answers when it has worked; the acknowledge goes now.
+        send(at, rackFrame(a, kAcknowledge, {}), address, true);
+        s.virtualCard->command(data);
+        return;
+    }
+    // A protocol selection resets the card.
+    if (s.virtualCard && s.card == Slot::Card::Present && (command == kSelectT0 || command == kSelectT1))
+        s.virtualCard->resetCard();
+
     Bytes reply;
     uint8_t status;
     Nanos replyAt = at;

@@ -18,6 +18,7 @@
 #include "sim/rack_bytes.h"
 #include "sim/rack_line.h"
 #include "sim/rack_sim.h"
+#include "sim/virtual_card_port.h"
 
 namespace racksim {
 
@@ -45,6 +46,10 @@ struct Slot {
     int faultFrames = 0;  // -1: until cleared
 
     int answerMode = -1;  // 1 answers, 0 silent, -1 as the map byte says
+
+    // A card outside the emulator answers this slot's commands instead of
+    // the responder; null for the emulator's own cards.
+    VirtualCardPort* virtualCard = nullptr;
 
     bool populated() const { return (mapByte & 0x0F) >= 1 && (mapByte & 0x0F) <= 3; }
     bool answers() const { return answerMode < 0 ? populated() : answerMode != 0; }
@@ -75,6 +80,11 @@ public:
     bool openFails = false;
     Slot& slot(int address) { return slots_[address - 1]; }
     void cardChanged(int address, Nanos now);  // sends the unsolicited status
+    // A virtual card's answer to a command: the answer frame goes on the
+    // line now, with the slot's answer status, or with `status` if not 0
+    // (the card was taken out or went mute meanwhile, and the frame
+    // carries no data).
+    void virtualCardAnswered(int address, const Bytes& answer, uint8_t status, Nanos now);
     void setDeviceFault(int fault, bool on);
     void injectBytes(const uint8_t* bytes, size_t count, Nanos now);
     void setWireRealism(bool on) { paced_ = on; }

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "sim/vcard_setup.h"
+
 namespace racksim {
 
 // The limits of each number, as rackscan's options and TESSEL_SIM take them.
@@ -23,6 +25,7 @@ struct RackSetup {
     std::vector<uint8_t> atr;      // empty: the default ATR
     bool echo = false;             // cards answer with the command itself
     int cardEventAfterMs = 0;      // 0: none; else a card change that long after set-up
+    std::vector<VirtualCardSlots> virtualCards;  // slots of TR0001 given over to virtual cards
 };
 
 // The longest wait for the card change, 10 minutes.

@@ -22,6 +22,7 @@ void buildRacks(const RackSetup& setup)
                 rackSimMuteCard(device, slot);
         }
     }
+    attachVirtualCards(setup.virtualCards);
 }
 
 int cardEventSlot(const RackSetup& setup)

@@ -67,7 +67,11 @@ bool applySetting(const std::string& key, const std::string& value, RackSetup& s
         return true;
     }
     if (key == "event") return parseCount(key, value, 0, kLongestCardEventMs, setup.cardEventAfterMs, error);
-    error = "unknown setting \"" + key + "\" (racks, slots, cards, mute, atr, echo, event)";
+    if (key == "vcard") {
+        setup.virtualCards.emplace_back();
+        return parseVirtualCardText(value, setup.virtualCards.back(), error);
+    }
+    error = "unknown setting \"" + key + "\" (racks, slots, cards, mute, atr, echo, event, vcard)";
     return false;
 }
 
@@ -108,6 +112,7 @@ bool parseRackSetupText(const std::string& text, RackSetup& setup, std::string& 
                 " slots of a rack";
         return false;
     }
+    if (!checkVirtualCardSlots(parsed.virtualCards, parsed.slotsPerRack, error)) return false;
     setup = parsed;
     return true;
 }

@@ -6,6 +6,7 @@
 
 #include "sim/rack_registry.h"
 #include "sim/rx_event.h"
+#include "sim/vcard_bridge.h"
 
 using racksim::Bytes;
 using racksim::RackDevice;
@@ -51,6 +52,7 @@ extern "C" {
 
 void RACKSIM_CALL rackSimReset(void)
 {
+    racksim::detachAllVirtualCards();  // before the devices go
     racksim::Registry& r = racksim::registry();
     Lock lock(r.mutex);
     r.handles.clear();

@@ -160,6 +160,17 @@ TEST_F(SimDevices, RacksDescribedByText)
         {"atr=3B0", -1},
         {"atr=3BXX", -1},
         {"atr=" + std::string(66, 'A'), -1},
+        // Slots given over to virtual cards are empty until a card comes
+        // (here none: nothing listens on port 1).
+        {"slots=5,vcard=3-4@connect:1,vcard=5@connect:9", 1, 5, 2, 0, false, defaultAtr},
+        {"vcard=5@35963", -1},
+        {"slots=8,vcard=3-2@35963", -1},
+        {"slots=8,vcard=3-4@1,vcard=4@9", -1},
+        {"vcard=3@0", -1},
+        {"vcard=3@65536", -1},
+        {"vcard=3-4@65535", -1},
+        {"vcard=3", -1},
+        {"vcard=3@dial:35963", -1},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE("\"" + row.text + "\"");

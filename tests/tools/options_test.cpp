@@ -44,6 +44,15 @@ TEST(CommandLine, CommandsTakeTheirArgumentsAndOptionsBeforeOrAfterWithOrWithout
     Options atr = accepted({"list", "--atr", "3B 02 14 50"});
     EXPECT_EQ(atr.emulator.atr, (std::vector<uint8_t>{0x3B, 0x02, 0x14, 0x50}));
 
+    Options vcard = accepted({"watch", "--slots", "8", "--vcard", "5-8@35963", "--vcard=1@connect:40000"});
+    ASSERT_EQ(vcard.emulator.virtualCards.size(), 2u);
+    EXPECT_EQ(vcard.emulator.virtualCards[0].first, 5);
+    EXPECT_EQ(vcard.emulator.virtualCards[0].last, 8);
+    EXPECT_EQ(vcard.emulator.virtualCards[0].port, 35963);
+    EXPECT_FALSE(vcard.emulator.virtualCards[0].connect);
+    EXPECT_EQ(vcard.emulator.virtualCards[1].last, 1);
+    EXPECT_TRUE(vcard.emulator.virtualCards[1].connect);
+
     Options library = accepted({"demo", "--library", "/opt/libpcsclite.so.1"});
     EXPECT_EQ(library.libraryPath, "/opt/libpcsclite.so.1");
 
@@ -100,6 +109,11 @@ TEST(CommandLine, RefusalsNameTheirReason)
         {{"list", "--slots", "4", "--cards", "3", "--mute", "2"}, "more than the 4 slots"},
         {{"list", "--atr", "3B0"}, "bad --atr"},
         {{"list", "--atr", std::string(66, 'A')}, "longer than 32 bytes"},
+        {{"list", "--vcard", "5@35963"}, "bad --vcard: vcard names slot 5, beyond the 4 slots"},
+        {{"list", "--vcard", "2-3@1", "--vcard", "3@9"}, "vcard names slot 3 twice"},
+        {{"list", "--vcard", "3@70000"}, "bad --vcard: vcard needs SLOT[-SLOT]@PORT"},
+        {{"list", "--vcard", "3"}, "bad --vcard"},
+        {{"log", "--vcard", "3@1"}, "--vcard does not apply to the log command"},
     };
     for (const auto& c : cases) EXPECT_TRUE(mentions(refused(c.args), c.reason)) << c.reason;
     for (const char* value : {"0", "17", "-1", "two", "", "1.5", "3x", "99999999999"})
@@ -119,7 +133,7 @@ TEST(CommandLine, RefusalsNameTheirReason)
 
 TEST(CommandLine, WithoutTheEmulatorItsOptionsAreUnknown)
 {
-    for (const char* option : {"--racks", "--slots", "--cards", "--mute", "--atr"})
+    for (const char* option : {"--racks", "--slots", "--cards", "--mute", "--atr", "--vcard"})
         EXPECT_TRUE(mentions(refused({"list", option, "1"}, false), std::string("unknown option ") + option))
             << option;
     EXPECT_TRUE(mentions(refused({"list", "--echo"}, false), "no emulated rack"));

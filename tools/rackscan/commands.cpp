@@ -480,6 +480,10 @@ int runCommand(const Options& options)
     std::cerr << "Emulated rack: " << options.emulator.racks << " x " << options.emulator.slotsPerRack << " slots, "
               << options.emulator.cardsPerRack << " card(s) and " << options.emulator.muteCardsPerRack
               << " mute card(s) per rack" << std::endl;
+    for (const racksim::VirtualCardSlots& v : options.emulator.virtualCards)
+        std::cerr << "Virtual cards: slot(s) " << v.first << "-" << v.last << " of " << emulatedSerial(0)
+                  << (v.connect ? " connect to cards listening on 127.0.0.1:" : " listen on 127.0.0.1:") << v.port
+                  << "-" << v.port + (v.last - v.first) << std::endl;
 #endif
     Session session;
     if (!bringUp(options, session)) return 1;

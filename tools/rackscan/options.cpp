@@ -31,6 +31,7 @@ const OptionSpec kOptions[] = {
     {"--mute", true, true, kLoadsLibrary},
     {"--atr", true, true, kLoadsLibrary},
     {"--echo", false, true, kLoadsLibrary},
+    {"--vcard", true, true, kLoadsLibrary},
     {"--seconds", true, false, kWatch},
     {"--demo-events", false, true, kWatch},
     {"--lines", true, false, kLog},
@@ -96,6 +97,16 @@ bool applyOption(const std::string& name, const std::string& value, Options& opt
     }
     if (name == "--echo") {
         emulator.echo = true;
+        return true;
+    }
+    if (name == "--vcard") {
+        racksim::VirtualCardSlots slots;
+        std::string why;
+        if (!racksim::parseVirtualCardText(value, slots, why)) {
+            error = "bad --vcard: " + why;
+            return false;
+        }
+        emulator.virtualCards.push_back(slots);
         return true;
     }
     if (name == "--seconds") return parseNumber(name, value, 1, 86400, options.watchSeconds, error);
@@ -220,6 +231,12 @@ bool parseCommandLine(const std::vector<std::string>& args, bool withEmulator, O
         emulator.muteCardsPerRack = emulator.slotsPerRack - emulator.cardsPerRack;
     }
 
+    std::string why;
+    if (!racksim::checkVirtualCardSlots(emulator.virtualCards, emulator.slotsPerRack, why)) {
+        error = "bad --vcard: " + why;
+        return false;
+    }
+
     std::vector<std::string> rest(positional.begin() + 1, positional.end());
     if (options.command == Command::Send) {
         if (rest.empty()) {
@@ -293,7 +310,13 @@ std::string usageText(bool withEmulator)
             "  --echo                     cards answer each APDU with the APDU itself (default:\n"
             "                             every APDU is answered 90 00)\n"
             "  --demo-events              watch: the emulator inserts a card into the first empty\n"
-            "                             slot after a moment and takes it out again\n";
+            "                             slot after a moment and takes it out again\n"
+            "  --vcard FIRST[-LAST]@PORT  slots FIRST..LAST of TR0001 hold virtual cards (vsmartcard's\n"
+            "                             vicc, jCardSim's VSmartCard) that connect to 127.0.0.1 on\n"
+            "                             PORT, PORT+1, ...; a card that connects is inserted, one\n"
+            "                             that leaves is removed. FIRST[-LAST]@connect:PORT: the\n"
+            "                             emulator connects to cards that listen (vicc -R). May be\n"
+            "                             given more than once\n";
     }
     text +=
         "\n"
