@@ -97,6 +97,48 @@ TEST_F(ListingTest, EveryBufferFormInBothWidths)
     EXPECT_EQ(SCardFreeMemory(0, nullptr), SCARD_S_SUCCESS);
 }
 
+// The one reader group, by the same buffer rules; pcsc-lite ignores the
+// group list of SCardListReaders, and so does the library here.
+TEST_F(ListingTest, ReaderGroupsInEveryBufferFormAndGroupsIgnoredInTheListing)
+{
+    addRack("A1", 1);
+    startLibrary(1);
+    const std::string groups("SCard$DefaultReaders\0\0", 22);
+    struct GroupCase {
+        Form form;
+        LONG result;
+    };
+    const GroupCase cases[] = {
+        {Form::Query, SCARD_S_SUCCESS},    {Form::Exact, SCARD_S_SUCCESS},
+        {Form::Short, SCARD_E_INSUFFICIENT_BUFFER}, {Form::Auto, SCARD_S_SUCCESS},
+        {Form::AutoWithoutPointer, SCARD_E_INVALID_PARAMETER}, {Form::NoSize, SCARD_E_INVALID_PARAMETER},
+    };
+    for (const GroupCase& c : cases) {
+        SCOPED_TRACE("form " + std::to_string(int(c.form)));
+        Guarded<char> buffer(22);
+        char* block = nullptr;
+        DWORD size = c.form == Form::Short ? 21 : c.form == Form::Query ? 0xCAFE : 22;
+        if (c.form == Form::Auto || c.form == Form::AutoWithoutPointer) size = SCARD_AUTOALLOCATE;
+        char* target = c.form == Form::Query || c.form == Form::AutoWithoutPointer ? nullptr
+                       : c.form == Form::Auto ? reinterpret_cast<char*>(&block)
+                                              : buffer.data();
+        EXPECT_EQ(SCardListReaderGroups(0, target, c.form == Form::NoSize ? nullptr : &size), c.result);
+        if (c.form != Form::NoSize) EXPECT_EQ(size, 22u);
+        if (c.form == Form::Exact)
+            EXPECT_EQ(std::string(buffer.data(), 22), groups);
+        else
+            EXPECT_TRUE(buffer.untouched());
+        if (c.form == Form::Auto) {
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(std::string(block, 22), groups);
+            EXPECT_EQ(SCardFreeMemory(0, block), SCARD_S_SUCCESS);
+        }
+    }
+    DWORD size = 0;
+    EXPECT_EQ(SCardListReadersA(0, "No such group\0", nullptr, &size), SCARD_S_SUCCESS);
+    EXPECT_EQ(size, 14u);
+}
+
 TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)
 {
     startLibrary(0);
