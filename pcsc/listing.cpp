@@ -1,9 +1,9 @@
 // Reader listing: the names of all slots of all racks as one multi-string,
 // narrow or wide, in the three published forms (size query, the caller's
 // buffer, SCARD_AUTOALLOCATE, by the rules of host_buffer.h), of every
-// reader or of those in the groups the host names. Computed afresh on every call from g_racks;
-// it does not wait for enumeration, which is what SCardEstablishContext is
-// for.
+// reader or of those in the groups the host names. Computed afresh on every
+// call from g_racks; it does not wait for enumeration, which is what
+// SCardEstablishContext is for.
 #include <cstdlib>
 #include <cstring>
 #include <string>

@@ -1,11 +1,9 @@
 // The names a Linux PC/SC client resolves in libpcsclite.so.1 that the core
 // does not export itself. The functions with a character type have one name
 // there, with no A or W, and take narrow strings: they are the core's A
-// forms. The calls the slots have nothing for answer as pcsc-lite answers
-// for a reader without the feature, so that a client probing them goes on.
+// forms. SCardControl and SCardSetAttrib are the core's own, shared with
+// Windows (attributes.cpp).
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "pcsc/reader_groups.h"
 #include "pcsc/winscard_api.h"

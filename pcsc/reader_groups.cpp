@@ -4,7 +4,6 @@
 
 #include "pcsc/call_trace.h"
 #include "pcsc/host_buffer.h"
-#include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 
 namespace {
