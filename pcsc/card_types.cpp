@@ -65,6 +65,29 @@ bool recognises(const CardType& type, const BYTE* atr, DWORD atrLength)
     return atrMatches(atr, atrLength, type.atr.data(), type.mask.data(), static_cast<DWORD>(type.atr.size()));
 }
 
+// The length of an ATR that comes without one, read from its own
+// structure (ISO 7816-3): TS, T0, the interface bytes that each Y nibble
+// announces, the historical bytes T0 counts, and TCK when a protocol other
+// than T=0 is named. No byte past the one that ends the structure is read,
+// and none past kLongestAtr; 0 for a structure longer than that.
+DWORD atrLengthOf(const BYTE* atr)
+{
+    DWORD at = 1;  // T0
+    const DWORD historical = atr[1] & 0x0F;
+    unsigned announced = atr[1] >> 4;
+    bool checkByte = false;
+    for (;;) {
+        at += (announced & 1) + ((announced >> 1) & 1) + ((announced >> 2) & 1) + ((announced >> 3) & 1);
+        if (at >= kLongestAtr) return 0;
+        if ((announced & 8) == 0) break;
+        const BYTE td = atr[at];  // the last byte of this group
+        if ((td & 0x0F) != 0) checkByte = true;
+        announced = td >> 4;
+    }
+    const DWORD length = at + 1 + historical + (checkByte ? 1 : 0);
+    return length <= kLongestAtr ? length : 0;
+}
+
 template <typename Char>
 LONG introduce(const char* call, const Char* szCardName, LPCGUID pguidPrimaryProvider, LPCGUID rgguidInterfaces,
                DWORD dwInterfaceCount, LPCBYTE pbAtr, LPCBYTE pbAtrMask, DWORD cbAtrLen)
@@ -106,14 +129,19 @@ LONG listCards(const char* call, LPCBYTE pbAtr, LPCGUID rgguidInterfaces, DWORD 
     traceEntry(call);
     if (pcchCards == nullptr || (cguidInterfaceCount != 0 && rgguidInterfaces == nullptr))
         return traceResult(call, SCARD_E_INVALID_PARAMETER);
+    // The host's ATR carries no length of its own.
+    const DWORD atrLength = pbAtr != nullptr ? atrLengthOf(pbAtr) : 0;
+    if (pbAtr != nullptr && atrLength == 0) return traceResult(call, SCARD_E_INVALID_PARAMETER);
     std::vector<std::wstring> names;
     {
         CardTypeTable& cards = table();
         std::lock_guard<std::mutex> guard(cards.lock);
         for (const auto& [name, type] : cards.types) {
-            // The host's ATR carries no length: the type's own length is
-            // what is compared.
-            if (pbAtr != nullptr && !recognises(type, pbAtr, static_cast<DWORD>(type.atr.size()))) continue;
+            // Only as many of the host's bytes are compared as the type's
+            // ATR has, and never more than the ATR's structure claims; an
+            // ATR without its check byte still matches its type.
+            const DWORD typeLength = static_cast<DWORD>(type.atr.size());
+            if (pbAtr != nullptr && (typeLength > atrLength || !recognises(type, pbAtr, typeLength))) continue;
             const bool offersAll = std::all_of(rgguidInterfaces, rgguidInterfaces + cguidInterfaceCount,
                                                [&type](const GUID& wanted) {
                                                    return std::any_of(type.interfaces.begin(), type.interfaces.end(),

@@ -34,10 +34,12 @@ struct Events {
     bool watching = false;
 };
 
+// Never destroyed: the watch thread may still hold the lock while the
+// process ends.
 Events& events()
 {
-    static Events instance;
-    return instance;
+    static Events* instance = new Events;
+    return *instance;
 }
 
 void setAll(Events& all)

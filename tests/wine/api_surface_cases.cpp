@@ -5,6 +5,7 @@
 // three buffer forms with its true length.
 #include "tests/wine/host_cases.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -605,12 +606,105 @@ void transmitCountStateAndTheRest(Host& host)
     check(dialogError != nullptr && dialogError() == SCARD_S_SUCCESS, "SCardDlgExtendedError: no dialog error");
 }
 
+// The original calls, each with good and bad arguments and its
+// out-parameters pre-filled.
+void originalCalls(Host& host)
+{
+    BIND(SCardEstablishContext);
+    BIND(SCardReleaseContext);
+    BIND(SCardIsValidContext);
+    BIND(SCardBeginTransaction);
+    BIND(SCardEndTransaction);
+    BIND(SCardConnectA);
+    BIND(SCardConnectW);
+    BIND(SCardReconnect);
+    BIND(SCardDisconnect);
+    BIND(SCardStatusW);
+    BIND(SCardTransmit);
+    BIND(SCardListReadersW);
+    BIND(SCardGetStatusChangeA);
+    BIND(SCardFreeMemory);
+    BIND(SCardCancel);
+
+    SCARDCONTEXT context = kPattern;
+    LONG result = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context);
+    check(result == SCARD_S_SUCCESS && context != kPattern && SCardIsValidContext(context) == SCARD_S_SUCCESS,
+          "SCardEstablishContext writes the context (0x%08lx)", result);
+    check(SCardReleaseContext(context) == SCARD_S_SUCCESS && SCardCancel(context) == SCARD_S_SUCCESS,
+          "SCardReleaseContext and SCardCancel of it");
+    context = kPattern;
+    result = SCardEstablishContext(77, nullptr, nullptr, &context);
+    check(result == SCARD_E_INVALID_VALUE && context == 0, "SCardEstablishContext with a bad scope writes 0 (0x%08lx)",
+          result);
+    check(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, nullptr) == SCARD_E_INVALID_PARAMETER,
+          "SCardEstablishContext without an out value");
+
+    SCARDHANDLE card = 0;
+    DWORD active = kPattern;
+    check(SCardConnectA(host.context, kNoReader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &card, &active) ==
+                  SCARD_E_READER_UNAVAILABLE &&
+              SCardConnectW(host.context, nullptr, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &card, &active) ==
+                  SCARD_E_INVALID_PARAMETER,
+          "SCardConnect to an unknown reader and without a name");
+    result = SCardConnectW(host.context, kCardReaderW, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &card,
+                           &active);
+    if (!check(result == SCARD_S_SUCCESS && active == SCARD_PROTOCOL_T1, "SCardConnectW writes the protocol (0x%08lx)",
+               result))
+        return;
+    check(SCardBeginTransaction(card) == SCARD_S_SUCCESS && SCardEndTransaction(card, SCARD_LEAVE_CARD) == SCARD_S_SUCCESS &&
+              SCardBeginTransaction(0) == SCARD_S_SUCCESS && SCardEndTransaction(0, 99) == SCARD_S_SUCCESS,
+          "the transaction calls answer for any handle");
+
+    wchar_t name[32];
+    std::fill(name, name + 32, wchar_t(0xA5A5));
+    DWORD nameLength = 32, state = kPattern, protocol = kPattern, atrLength = 32;
+    BYTE atr[32];
+    result = SCardStatusW(card, name, &nameLength, &state, &protocol, atr, &atrLength);
+    check(result == SCARD_S_SUCCESS && nameLength == 13 && std::wstring(name) == kCardReaderW && state != kPattern &&
+              protocol == SCARD_PROTOCOL_T1 && atrLength == 3,
+          "SCardStatusW writes every output (0x%08lx)", result);
+    nameLength = 4;
+    check(SCardStatusW(card, name, &nameLength, &state, &protocol, nullptr, &atrLength) == SCARD_E_INSUFFICIENT_BUFFER &&
+              nameLength == 13,
+          "SCardStatusW with a short name buffer is told the size");
+
+    const BYTE command[] = {0x00, 0xA4, 0x04, 0x00, 0x00};
+    BYTE answer[64];
+    DWORD length = sizeof answer;
+    check(SCardTransmit(card, host.api.g_rgSCardT1Pci, nullptr, 5, nullptr, answer, &length) ==
+                  SCARD_E_INVALID_PARAMETER &&
+              SCardTransmit(card, host.api.g_rgSCardT1Pci, command, sizeof command, nullptr, answer, nullptr) ==
+                  SCARD_E_INVALID_PARAMETER,
+          "SCardTransmit without a command or a length");
+    active = kPattern;
+    result = SCardReconnect(card, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, SCARD_LEAVE_CARD, &active);
+    check(result == SCARD_S_SUCCESS, "SCardReconnect (0x%08lx)", result);
+    check(SCardDisconnect(card, SCARD_LEAVE_CARD) == SCARD_S_SUCCESS, "SCardDisconnect");
+
+    wchar_t readers[8];
+    length = 8;
+    check(SCardListReadersW(host.context, nullptr, readers, &length) == SCARD_E_INSUFFICIENT_BUFFER && length == 66,
+          "SCardListReadersW with a short buffer is told the size");
+    check(SCardListReadersW(host.context, nullptr, readers, nullptr) == SCARD_E_INVALID_PARAMETER,
+          "SCardListReadersW without a length");
+
+    SCARD_READERSTATEA states[1] = {};
+    states[0].szReader = kNoReader;
+    check(SCardGetStatusChangeA(host.context, 0, states, 1) == SCARD_E_UNKNOWN_READER,
+          "SCardGetStatusChangeA for an unknown reader");
+    states[0].szReader = nullptr;
+    check(SCardGetStatusChangeA(host.context, 0, states, 1) == SCARD_E_INVALID_PARAMETER,
+          "SCardGetStatusChangeA without a reader name");
+    check(SCardFreeMemory(host.context, nullptr) == SCARD_S_SUCCESS, "SCardFreeMemory of nothing");
+}
+
 }  // namespace
 
 int runApiSurfaceCases(Host& host)
 {
     std::printf("-- the whole published surface\n");
     if (!publishedNamesBind(host)) return 1;
+    originalCalls(host);
     attributesAndControl(host);
     readerGroups(host);
     cardTypes(host);
