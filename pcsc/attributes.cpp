@@ -107,61 +107,57 @@ Attribute wideName(const Reader& reader)
 bool cardPresent(const Reader& reader) { return (reader.cardState() & kStateCard) != 0; }
 bool cardAnswering(const Reader& reader) { return reader.cardState() == kStateCard; }
 
-// The attributes that need the handle's reader.
-Attribute readerAttribute(const RackReader& found, DWORD dwAttrId)
+Attribute presence(const RackReader& found)
 {
-    const Reader& reader = *found.reader;
-    switch (dwAttrId) {
-    case SCARD_ATTR_VENDOR_IFD_SERIAL_NO:
-        return bytes(found.rack->serialNumber().c_str(), found.rack->serialNumber().size() + 1);
-    case SCARD_ATTR_DEVICE_FRIENDLY_NAME_A:
-    case SCARD_ATTR_DEVICE_SYSTEM_NAME_A:
-        return bytes(reader.name.c_str(), reader.name.size() + 1);
-    case SCARD_ATTR_DEVICE_FRIENDLY_NAME_W:
-    case SCARD_ATTR_DEVICE_SYSTEM_NAME_W:
-        return wideName(reader);
-    case SCARD_ATTR_CHANNEL_ID:
-        return number(kUsbChannel | (reader.address & 0xFFFFu));
-    case SCARD_ATTR_CURRENT_PROTOCOL_TYPE:
-        // The reader's T number as the API's protocol, as the status query
-        // reports it; none without a card.
-        if (!cardAnswering(reader)) return number(0);
-        return number(reader.protocol() != 0 ? SCARD_PROTOCOL_T1 : SCARD_PROTOCOL_T0);
-    case SCARD_ATTR_ICC_PRESENCE: {
-        const BYTE presence = cardPresent(reader) ? kCardPresent : 0;
-        return bytes(&presence, 1);
-    }
-    case SCARD_ATTR_ICC_INTERFACE_STATUS: {
-        const BYTE active = cardAnswering(reader) ? 1 : 0;
-        return bytes(&active, 1);
-    }
-    default:
-        return failure(SCARD_E_UNSUPPORTED_FEATURE);
-    }
+    const BYTE value = cardPresent(*found.reader) ? kCardPresent : 0;
+    return bytes(&value, 1);
 }
 
-// The attributes of the handle's reader; the rest go without a handle.
-bool servedByReader(DWORD dwAttrId)
+Attribute interfaceStatus(const RackReader& found)
 {
-    switch (dwAttrId) {
-    case SCARD_ATTR_VENDOR_IFD_SERIAL_NO:
-    case SCARD_ATTR_DEVICE_FRIENDLY_NAME_A:
-    case SCARD_ATTR_DEVICE_SYSTEM_NAME_A:
-    case SCARD_ATTR_DEVICE_FRIENDLY_NAME_W:
-    case SCARD_ATTR_DEVICE_SYSTEM_NAME_W:
-    case SCARD_ATTR_CHANNEL_ID:
-    case SCARD_ATTR_CURRENT_PROTOCOL_TYPE:
-    case SCARD_ATTR_ICC_PRESENCE:
-    case SCARD_ATTR_ICC_INTERFACE_STATUS:
-        return true;
-    default:
-        return false;
-    }
+    const BYTE active = cardAnswering(*found.reader) ? 1 : 0;
+    return bytes(&active, 1);
 }
+
+// The reader's T number as the API's protocol, as the status query
+// reports it; none without a card.
+Attribute currentProtocol(const RackReader& found)
+{
+    const Reader& reader = *found.reader;
+    if (!cardAnswering(reader)) return number(0);
+    return number(reader.protocol() != 0 ? SCARD_PROTOCOL_T1 : SCARD_PROTOCOL_T0);
+}
+
+Attribute serialNumber(const RackReader& found)
+{
+    const std::string& serial = found.rack->serialNumber();
+    return bytes(serial.c_str(), serial.size() + 1);
+}
+
+Attribute narrowName(const RackReader& found) { return bytes(found.reader->name.c_str(), found.reader->name.size() + 1); }
+Attribute wideName(const RackReader& found) { return wideName(*found.reader); }
+Attribute channelId(const RackReader& found) { return number(kUsbChannel | (found.reader->address & 0xFFFFu)); }
+
+// The attributes of the handle's reader.
+const struct {
+    DWORD id;
+    Attribute (*read)(const RackReader&);
+} kReaderAttributes[] = {
+    {SCARD_ATTR_VENDOR_IFD_SERIAL_NO, serialNumber},
+    {SCARD_ATTR_DEVICE_FRIENDLY_NAME_A, narrowName},
+    {SCARD_ATTR_DEVICE_SYSTEM_NAME_A, narrowName},
+    {SCARD_ATTR_DEVICE_FRIENDLY_NAME_W, wideName},
+    {SCARD_ATTR_DEVICE_SYSTEM_NAME_W, wideName},
+    {SCARD_ATTR_CHANNEL_ID, channelId},
+    {SCARD_ATTR_CURRENT_PROTOCOL_TYPE, currentProtocol},
+    {SCARD_ATTR_ICC_PRESENCE, presence},
+    {SCARD_ATTR_ICC_INTERFACE_STATUS, interfaceStatus},
+};
 
 // Every attribute but the ATR, which keeps traces of its own.
 Attribute readAttribute(SCARDHANDLE hCard, DWORD dwAttrId)
 {
+    // These do not depend on the handle.
     switch (dwAttrId) {
     case SCARD_ATTR_VENDOR_NAME: return vendorName();
     case SCARD_ATTR_VENDOR_IFD_TYPE: return bytes(kIfdType, sizeof kIfdType);
@@ -176,10 +172,13 @@ Attribute readAttribute(SCARDHANDLE hCard, DWORD dwAttrId)
     case SCARD_ATTR_POWER_MGMT_SUPPORT: return number(0);  // no power-down with a card inside
     default: break;
     }
-    if (!servedByReader(dwAttrId)) return failure(SCARD_E_UNSUPPORTED_FEATURE);
-    const RackReader found = findReaderByCardHandle(hCard);
-    if (found.reader == nullptr) return failure(SCARD_E_INVALID_HANDLE);
-    return readerAttribute(found, dwAttrId);
+    for (const auto& attribute : kReaderAttributes) {
+        if (attribute.id != dwAttrId) continue;
+        const RackReader found = findReaderByCardHandle(hCard);
+        if (found.reader == nullptr) return failure(SCARD_E_INVALID_HANDLE);
+        return attribute.read(found);
+    }
+    return failure(SCARD_E_UNSUPPORTED_FEATURE);
 }
 
 void traceLength(DWORD length)
