@@ -195,7 +195,9 @@ TEST_F(AttributesTest, SmallCallsAnswerForAnythingAndChangeNothing)
         DWORD returned = 0xCAFE;
         EXPECT_EQ(SCardControl(handleOf(c.handle), c.code, nullptr, 0, out.data(), 64, c.countGiven ? &returned : nullptr),
                   c.result);
-        if (c.countGiven) EXPECT_EQ(returned, 0u);
+        if (c.countGiven) {
+            EXPECT_EQ(returned, 0u);
+        }
         EXPECT_TRUE(out.untouched());
     }
     // Nothing can be set; a missing value and an unknown handle are told

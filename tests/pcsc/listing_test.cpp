@@ -1,6 +1,10 @@
 // Reader listing in its buffer forms, narrow and wide, and SCardFreeMemory.
 #include "pcsc_test_support.h"
 
+#include <cstdlib>
+
+#include "pcsc/host_buffer.h"
+
 namespace pcsc_test {
 namespace {
 
@@ -123,11 +127,14 @@ TEST_F(ListingTest, ReaderGroupsInEveryBufferFormAndGroupsIgnoredInTheListing)
                        : c.form == Form::Auto ? reinterpret_cast<char*>(&block)
                                               : buffer.data();
         EXPECT_EQ(SCardListReaderGroups(0, target, c.form == Form::NoSize ? nullptr : &size), c.result);
-        if (c.form != Form::NoSize) EXPECT_EQ(size, 22u);
-        if (c.form == Form::Exact)
+        if (c.form != Form::NoSize) {
+            EXPECT_EQ(size, 22u);
+        }
+        if (c.form == Form::Exact) {
             EXPECT_EQ(std::string(buffer.data(), 22), groups);
-        else
+        } else {
             EXPECT_TRUE(buffer.untouched());
+        }
         if (c.form == Form::Auto) {
             ASSERT_NE(block, nullptr);
             EXPECT_EQ(std::string(block, 22), groups);
@@ -158,6 +165,54 @@ TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)
     EXPECT_EQ(size, 1u);
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(logText(), "SCardListReadersW\nwide len is 1\nSCARD_E_NO_READERS_AVAILABLE\nreached end of Wlistreaders 1\n");
+}
+
+// The one implementation of the buffer rules that every call above and
+// the status query, the attributes and the groups use, row by row: how the
+// host offers its buffer, what a short one receives, and what comes back.
+TEST(HostBufferRules, EveryFormAndEveryShortRule)
+{
+    enum class Offer { Query, Sized, Auto, AutoWithoutPointer };
+    struct Row {
+        Offer offer;
+        DWORD capacity;
+        ShortBuffer rule;
+        LONG result;
+        std::string written;  // the buffer or the block afterwards, up to its fill
+    };
+    const std::string data("abcd\0", 5);
+    const Row rows[] = {
+        {Offer::Query, 0, ShortBuffer::untouched, SCARD_S_SUCCESS, ""},
+        {Offer::Sized, 5, ShortBuffer::untouched, SCARD_S_SUCCESS, data},
+        {Offer::Sized, 9, ShortBuffer::untouched, SCARD_S_SUCCESS, data},
+        {Offer::Sized, 3, ShortBuffer::untouched, SCARD_E_INSUFFICIENT_BUFFER, ""},
+        {Offer::Sized, 3, ShortBuffer::whatFits, SCARD_E_INSUFFICIENT_BUFFER, "abc"},
+        {Offer::Sized, 3, ShortBuffer::textThatFits, SCARD_E_INSUFFICIENT_BUFFER, std::string("ab\0", 3)},
+        {Offer::Sized, 0, ShortBuffer::textThatFits, SCARD_E_INSUFFICIENT_BUFFER, ""},
+        {Offer::Auto, 0, ShortBuffer::untouched, SCARD_S_SUCCESS, data},
+        {Offer::AutoWithoutPointer, 0, ShortBuffer::untouched, SCARD_E_INVALID_PARAMETER, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE("offer " + std::to_string(int(row.offer)) + ", capacity " + std::to_string(row.capacity));
+        Guarded<char> buffer(row.capacity);
+        char* block = nullptr;
+        DWORD length = row.offer == Offer::Auto || row.offer == Offer::AutoWithoutPointer ? SCARD_AUTOALLOCATE
+                                                                                          : row.capacity;
+        char* target = row.offer == Offer::Sized ? buffer.data()
+                       : row.offer == Offer::Auto ? reinterpret_cast<char*>(&block)
+                                                  : nullptr;
+        EXPECT_EQ(deliverElements(data.data(), 5, target, &length, row.rule), row.result);
+        EXPECT_EQ(length, 5u) << "the size needed, on every way out";
+        if (row.offer == Offer::Auto) {
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(std::string(block, 5), row.written);
+            std::free(block);
+            continue;
+        }
+        EXPECT_EQ(std::string(buffer.data(), row.written.size()), row.written);
+        for (size_t i = row.written.size(); i < row.capacity + Guarded<char>::guardCount; ++i)
+            ASSERT_EQ(buffer[i], 0x5A) << "written at " << i;
+    }
 }
 
 }  // namespace
