@@ -9,6 +9,7 @@
 #include <string>
 
 #include "diag/trace_log.h"
+#include "pcsc/host_buffer.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "reader/atr.h"
@@ -43,34 +44,6 @@ void traceIf(bool traced, const char* text)
     if (traced) logWrite(text);
 }
 
-// The caller's buffer for one output, or one allocated for it under
-// SCARD_AUTOALLOCATE and handed over through the caller's pointer.
-// `size` is the caller's size on entry and becomes the data's size when
-// the library allocates. Returns 0, or the failure that ends the call.
-// Only the name step of the wide form traces these moments.
-template <typename Element>
-LONG takeBuffer(Element* given, DWORD& size, DWORD needed, Element*& buffer, bool traced)
-{
-    buffer = given;
-    if (size != SCARD_AUTOALLOCATE) return SCARD_S_SUCCESS;
-    traceIf(traced, "SCARD_AUTOALLOCATE\n");
-    size = needed;
-    if (given == nullptr) {
-        traceIf(traced, "SCARD_E_INVALID_PARAMETER\n");
-        return SCARD_E_INVALID_PARAMETER;
-    }
-    // An empty ATR still gets a block of its own, so that a host always
-    // has something to hand back and malloc(0) is never taken for a
-    // failure.
-    buffer = static_cast<Element*>(std::malloc(std::max<DWORD>(needed, 1) * sizeof(Element)));
-    if (buffer == nullptr) {
-        traceIf(traced, "SCARD_E_NO_MEMORY\n");
-        return SCARD_E_NO_MEMORY;
-    }
-    *reinterpret_cast<Element**>(given) = buffer;
-    return SCARD_S_SUCCESS;
-}
-
 template <typename Char>
 LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, LPDWORD pdwState,
                 LPDWORD pdwProtocol, LPBYTE pbAtr, LPDWORD pcbAtrLen)
@@ -100,33 +73,22 @@ LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, 
     const DWORD atrLength = reader->atr(atr);
     *pcbAtrLen = atrLength;
 
-    LONG result = SCARD_S_SUCCESS;
-    Char* nameBuffer = nullptr;
-    LONG failure = takeBuffer(mszReaderNames, nameSize, nameLength, nameBuffer, StatusForm<Char>::tracesDetail);
-    if (failure != SCARD_S_SUCCESS) return failure;
-    if (nameBuffer != nullptr) {
-        // A buffer too small for the name gets as much of it as fits with
-        // a closing NUL, so that it still holds a text; nothing goes behind
-        // its nameSize characters.
-        if (nameLength > nameSize) {
-            result = SCARD_E_INSUFFICIENT_BUFFER;
-            if (nameSize > 0) {
-                std::memcpy(nameBuffer, name.c_str(), (nameSize - 1) * sizeof(Char));
-                nameBuffer[nameSize - 1] = Char(0);
-            }
-        } else {
-            std::memcpy(nameBuffer, name.c_str(), nameLength * sizeof(Char));
-        }
+    // Each output by the buffer rules on its own. A buffer too small for
+    // the name gets as much of it as fits with a closing NUL, so that it
+    // still holds a text; a short ATR buffer gets the ATR cut to its size.
+    // Only the name step of the wide form traces the rules' moments.
+    HostBufferTraces nameTraces;
+    if (StatusForm<Char>::tracesDetail) {
+        nameTraces.autoAllocate = "SCARD_AUTOALLOCATE\n";
+        nameTraces.withoutPointer = "SCARD_E_INVALID_PARAMETER\n";
+        nameTraces.noMemory = "SCARD_E_NO_MEMORY\n";
     }
-
-    BYTE* atrBuffer = nullptr;
-    failure = takeBuffer(pbAtr, atrSize, atrLength, atrBuffer, false);
-    if (failure != SCARD_S_SUCCESS) return failure;
-    if (atrBuffer != nullptr) {
-        // A short ATR buffer gets the ATR cut to its size.
-        if (atrLength > atrSize) result = SCARD_E_INSUFFICIENT_BUFFER;
-        std::memcpy(atrBuffer, atr, std::min(atrLength, atrSize));
-    }
+    LONG result = deliverElements(name.c_str(), nameLength, mszReaderNames, &nameSize, ShortBuffer::textThatFits,
+                                  nameTraces);
+    if (result != SCARD_S_SUCCESS && result != SCARD_E_INSUFFICIENT_BUFFER) return result;
+    const LONG atrResult = deliverElements<BYTE>(atr, atrLength, pbAtr, &atrSize, ShortBuffer::whatFits);
+    if (atrResult != SCARD_S_SUCCESS && atrResult != SCARD_E_INSUFFICIENT_BUFFER) return atrResult;
+    if (atrResult != SCARD_S_SUCCESS) result = atrResult;
 
     // The reader's T number, as the API's protocol: anything but T=0
     // counts as T=1, the 0xFFFFFFFF of a connect without a protocol too.

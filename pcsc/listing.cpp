@@ -1,8 +1,9 @@
 // Reader listing: the names of all slots of all racks as one multi-string,
 // narrow or wide, in the three published forms (size query, the caller's
-// buffer, SCARD_AUTOALLOCATE). Computed afresh on every call from g_racks;
-// it does not wait for enumeration, which is what SCardEstablishContext is
-// for.
+// buffer, SCARD_AUTOALLOCATE, by the rules of host_buffer.h), of every
+// reader or of those in the groups the host names. Computed afresh on every
+// call from g_racks; it does not wait for enumeration, which is what
+// SCardEstablishContext is for.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -10,6 +11,8 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/host_buffer.h"
+#include "pcsc/reader_groups.h"
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"
 #include "reader/reader.h"
@@ -82,8 +85,31 @@ std::basic_string<Char> composeReaderList()
     return list;
 }
 
+// Whether a host's group list names a group that holds the readers. Every
+// reader is in the one group SCard$DefaultReaders; SCard$AllReaders names
+// all readers too. Group names are compared without regard to case, as
+// Windows compares them. pcsc-lite ignores the list, and so does the
+// library there.
 template <typename Char>
-LONG listReaders(Char* mszReaders, LPDWORD pcchReaders)
+bool groupsHoldReaders(const Char* groups)
+{
+#ifdef _WIN32
+    if (groups == nullptr) return true;
+    for (const Char* group = groups; *group != Char(0);) {
+        size_t length = 0;
+        while (group[length] != Char(0)) ++length;
+        if (isReaderGroup(group, length)) return true;
+        group += length + 1;
+    }
+    return false;
+#else
+    (void)groups;
+    return true;
+#endif
+}
+
+template <typename Char>
+LONG listReaders(const Char* mszGroups, Char* mszReaders, LPDWORD pcchReaders)
 {
     using Form = ListingForm<Char>;
     logWrite(Form::entry);
@@ -92,47 +118,29 @@ LONG listReaders(Char* mszReaders, LPDWORD pcchReaders)
         return SCARD_E_INVALID_PARAMETER;
     }
 
-    const std::basic_string<Char> list = composeReaderList<Char>();
+    // Groups that hold no reader get the answer of an empty rack list.
+    const std::basic_string<Char> list =
+        groupsHoldReaders(mszGroups) ? composeReaderList<Char>() : std::basic_string<Char>(1, Char(0));
     // Sizes count characters in both forms.
     const DWORD size = static_cast<DWORD>(list.size());
     logWrite(Form::sizePrefix + decimalText(static_cast<uint32_t>(size)) + "\n");
-    const size_t bytes = list.size() * sizeof(Char);
 
     LONG result = SCARD_S_SUCCESS;
     if (size == 1) {
         // No reader: the same answer whatever size and buffer came in.
         traceIfAny(Form::noReaders);
+        *pcchReaders = size;
         result = SCARD_E_NO_READERS_AVAILABLE;
-    } else if (*pcchReaders == SCARD_AUTOALLOCATE) {
-        logWrite("SCARD_AUTOALLOCATE\n");
-        if (mszReaders == nullptr) {
-            traceIfAny(Form::autoAllocateWithoutPointer);
-            result = SCARD_E_INVALID_PARAMETER;
-        } else {
-            // The host passed the address of its pointer; the block is its
-            // own until it hands it back through SCardFreeMemory.
-            Char* block = static_cast<Char*>(std::malloc(bytes));
-            traceIfAny(Form::afterAllocation);
-            if (block == nullptr) {
-                traceIfAny(Form::noMemory);
-                result = SCARD_E_NO_MEMORY;
-            } else {
-                *reinterpret_cast<Char**>(mszReaders) = block;
-                std::memcpy(block, list.data(), bytes);
-            }
-        }
-    } else if (mszReaders == nullptr) {
-        traceIfAny(Form::sizeQuery);
-    } else if (*pcchReaders < size) {
-        traceIfAny(Form::tooSmall);
-        result = SCARD_E_INSUFFICIENT_BUFFER;
     } else {
-        std::memcpy(mszReaders, list.data(), bytes);
+        HostBufferTraces traces;
+        traces.autoAllocate = "SCARD_AUTOALLOCATE\n";
+        traces.withoutPointer = Form::autoAllocateWithoutPointer;
+        traces.allocated = Form::afterAllocation;
+        traces.noMemory = Form::noMemory;
+        traces.sizeQuery = Form::sizeQuery;
+        traces.tooSmall = Form::tooSmall;
+        result = deliverElements(list.data(), size, mszReaders, pcchReaders, ShortBuffer::untouched, traces);
     }
-
-    // The size goes back on every way out from here, failures included, so
-    // that a host told its buffer is too small learns what it needs.
-    *pcchReaders = size;
     logWrite(Form::endPrefix + decimalText(static_cast<uint32_t>(size)) + "\n");
     return result;
 }
@@ -142,13 +150,13 @@ LONG listReaders(Char* mszReaders, LPDWORD pcchReaders)
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
-    return listReaders<char>(mszReaders, pcchReaders);
+    return listReaders<char>(mszGroups, mszReaders, pcchReaders);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersW(SCARDCONTEXT hContext, LPCWSTR mszGroups, LPWSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
-    return listReaders<WCHAR>(mszReaders, pcchReaders);
+    return listReaders<WCHAR>(mszGroups, mszReaders, pcchReaders);
 }
 
 // Takes back what the listing, the status query and the attribute call

@@ -1,18 +1,14 @@
 // The names a Linux PC/SC client resolves in libpcsclite.so.1 that the core
 // does not export itself. The functions with a character type have one name
 // there, with no A or W, and take narrow strings: they are the core's A
-// forms. The calls the slots have nothing for answer as pcsc-lite answers
-// for a reader without the feature, so that a client probing them goes on.
+// forms. SCardControl and SCardSetAttrib are the core's own, shared with
+// Windows (attributes.cpp).
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
+#include "pcsc/reader_groups.h"
 #include "pcsc/winscard_api.h"
 
 namespace {
-
-// The one reader group there is; pcsc-lite lists it for every reader.
-constexpr char kReaderGroups[] = "SCard$DefaultReaders\0";
 
 struct ResultText {
     LONG result;
@@ -80,46 +76,10 @@ TESSEL_EXPORT LONG SCardGetStatusChange(SCARDCONTEXT hContext, DWORD dwTimeout, 
     return SCardGetStatusChangeA(hContext, dwTimeout, rgReaderStates, cReaders);
 }
 
-// The slots take no control codes. pcsc-lite's answer for a reader that
-// has none lets a client that asks for the reader's features (the first
-// thing most of them do after connecting) carry on without them; a
-// success would have it read a feature list that was never written.
-TESSEL_EXPORT LONG SCardControl(SCARDHANDLE hCard, DWORD dwControlCode, LPCVOID pbSendBuffer, DWORD cbSendLength,
-                                LPVOID pbRecvBuffer, DWORD cbRecvLength, LPDWORD lpBytesReturned)
-{
-    if (lpBytesReturned != nullptr) *lpBytesReturned = 0;
-    return SCARD_E_UNSUPPORTED_FEATURE;
-}
-
-TESSEL_EXPORT LONG SCardSetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPCBYTE pbAttr, DWORD cbAttrLen)
-{
-    return SCARD_E_UNSUPPORTED_FEATURE;
-}
-
-// The default group, with the sizing rules of the reader list: no buffer
-// asks for the size, SCARD_AUTOALLOCATE hands over a block for
-// SCardFreeMemory, a short buffer is refused.
+// The default group, by the buffer rules of the reader list.
 TESSEL_EXPORT LONG SCardListReaderGroups(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWORD pcchGroups)
 {
-    if (pcchGroups == nullptr) return SCARD_E_INVALID_PARAMETER;
-    const DWORD needed = sizeof kReaderGroups;
-    if (mszGroups == nullptr) {
-        *pcchGroups = needed;
-        return SCARD_S_SUCCESS;
-    }
-    if (*pcchGroups == SCARD_AUTOALLOCATE) {
-        void* block = std::malloc(needed);
-        if (block == nullptr) return SCARD_E_NO_MEMORY;
-        std::memcpy(block, kReaderGroups, needed);
-        *reinterpret_cast<LPSTR*>(mszGroups) = static_cast<LPSTR>(block);
-        *pcchGroups = needed;
-        return SCARD_S_SUCCESS;
-    }
-    const DWORD capacity = *pcchGroups;
-    *pcchGroups = needed;
-    if (capacity < needed) return SCARD_E_INSUFFICIENT_BUFFER;
-    std::memcpy(mszGroups, kReaderGroups, needed);
-    return SCARD_S_SUCCESS;
+    return listReaderGroups(mszGroups, pcchGroups);
 }
 
 }  // extern "C"

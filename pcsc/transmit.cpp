@@ -5,6 +5,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "pcsc/lookups.h"
+#include "pcsc/transmit_count.h"
 #include "pcsc/winscard_api.h"
 #include "reader/exchange.h"
 
@@ -33,6 +34,7 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_I
     }
     const RackReader found = findReaderByCardHandle(hCard);
     if (found.reader == nullptr) return SCARD_E_INVALID_HANDLE;
+    countTransmit(hCard);
 
     // The size of the host's buffer; the answer never goes past it.
     const ExchangeResult result = exchange(*found.rack, *found.reader, pbSendBuffer,

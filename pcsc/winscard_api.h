@@ -22,7 +22,29 @@ TESSEL_EXPORT void WINAPI CloseConnections(void);
 // Not part of the published API: resets every rack.
 TESSEL_EXPORT void WINAPI SCardReset(void);
 
-#ifndef _WIN32
+#ifdef _WIN32
+// The exports of the system's winscard.dll that mingw-w64's <winscard.h>
+// does not declare, with the published signatures.
+LONG WINAPI SCardGetDeviceTypeIdA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPDWORD pdwDeviceTypeId);
+LONG WINAPI SCardGetDeviceTypeIdW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPDWORD pdwDeviceTypeId);
+LONG WINAPI SCardGetReaderDeviceInstanceIdA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPSTR szDeviceInstanceId,
+                                            LPDWORD pcchDeviceInstanceId);
+LONG WINAPI SCardGetReaderDeviceInstanceIdW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPWSTR szDeviceInstanceId,
+                                            LPDWORD pcchDeviceInstanceId);
+LONG WINAPI SCardListReadersWithDeviceInstanceIdA(SCARDCONTEXT hContext, LPCSTR szDeviceInstanceId, LPSTR mszReaders,
+                                                  LPDWORD pcchReaders);
+LONG WINAPI SCardListReadersWithDeviceInstanceIdW(SCARDCONTEXT hContext, LPCWSTR szDeviceInstanceId,
+                                                  LPWSTR mszReaders, LPDWORD pcchReaders);
+LONG WINAPI SCardGetReaderIconA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPBYTE pbIcon, LPDWORD pcbIcon);
+LONG WINAPI SCardGetReaderIconW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPBYTE pbIcon, LPDWORD pcbIcon);
+LONG WINAPI SCardAudit(SCARDCONTEXT hContext, DWORD dwEvent);
+HANDLE WINAPI SCardAccessNewReaderEvent(void);
+void WINAPI SCardReleaseNewReaderEvent(void);
+void WINAPI SCardReleaseAllEvents(void);
+// The class installer entry of the smart card reader device class:
+// (DI_FUNCTION, HDEVINFO, PSP_DEVINFO_DATA).
+DWORD WINAPI ClassInstall32(DWORD installFunction, HANDLE deviceInfoSet, void* deviceInfoData);
+#else
 TESSEL_EXPORT LONG WINAPI SCardEstablishContext(DWORD dwScope, LPCVOID pvReserved1, LPCVOID pvReserved2,
                                                 LPSCARDCONTEXT phContext);
 TESSEL_EXPORT LONG WINAPI SCardReleaseContext(SCARDCONTEXT hContext);
@@ -57,6 +79,7 @@ TESSEL_EXPORT LONG WINAPI SCardControl(SCARDHANDLE hCard, DWORD dwControlCode, L
                                        DWORD nInBufferSize, LPVOID lpOutBuffer, DWORD nOutBufferSize,
                                        LPDWORD lpBytesReturned);
 TESSEL_EXPORT LONG WINAPI SCardGetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, LPDWORD pcbAttrLen);
+TESSEL_EXPORT LONG WINAPI SCardSetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPCBYTE pbAttr, DWORD cbAttrLen);
 
 TESSEL_EXPORT extern const SCARD_IO_REQUEST g_rgSCardT0Pci;
 TESSEL_EXPORT extern const SCARD_IO_REQUEST g_rgSCardT1Pci;

@@ -8,9 +8,10 @@
 #   scripts/check-dll-tables.sh <folder with winscard.dll, FTD2XX.dll and winscard_host.exe> [32|64]
 #
 # winscard.dll: machine type x86 (32) or x86-64 (64), module name
-# WinScard.dll, exactly the 26 exports at their ordinals (the start-up
+# WinScard.dll, exactly the 81 exports at their ordinals (the start-up
 # functions as _KickOff@0 and _CloseConnections@0 in the 32-bit build,
-# KickOff and CloseConnections in the 64-bit one), the three PCI records in
+# KickOff and CloseConnections in the 64-bit one; the 77 names of the
+# system's winscard.dll among them), the three PCI records in
 # a data section and every function in the code section; imports from
 # system DLLs and FTD2XX.dll only, the latter exactly the ten D2XX functions
 # it uses: by ordinal only in the 32-bit build, by name only in the 64-bit
@@ -155,7 +156,63 @@ expected_exports="1 SCardGetStatusChangeW code
 23 SCardTransmit code
 24 g_rgSCardRawPci data
 25 g_rgSCardT0Pci data
-26 g_rgSCardT1Pci data"
+26 g_rgSCardT1Pci data
+27 ClassInstall32 code
+28 SCardAccessNewReaderEvent code
+29 SCardAccessStartedEvent code
+30 SCardAddReaderToGroupA code
+31 SCardAddReaderToGroupW code
+32 SCardAudit code
+33 SCardDlgExtendedError code
+34 SCardForgetCardTypeA code
+35 SCardForgetCardTypeW code
+36 SCardForgetReaderA code
+37 SCardForgetReaderGroupA code
+38 SCardForgetReaderGroupW code
+39 SCardForgetReaderW code
+40 SCardGetCardTypeProviderNameA code
+41 SCardGetCardTypeProviderNameW code
+42 SCardGetDeviceTypeIdA code
+43 SCardGetDeviceTypeIdW code
+44 SCardGetProviderIdA code
+45 SCardGetProviderIdW code
+46 SCardGetReaderDeviceInstanceIdA code
+47 SCardGetReaderDeviceInstanceIdW code
+48 SCardGetReaderIconA code
+49 SCardGetReaderIconW code
+50 SCardGetTransmitCount code
+51 SCardIntroduceCardTypeA code
+52 SCardIntroduceCardTypeW code
+53 SCardIntroduceReaderA code
+54 SCardIntroduceReaderGroupA code
+55 SCardIntroduceReaderGroupW code
+56 SCardIntroduceReaderW code
+57 SCardListCardsA code
+58 SCardListCardsW code
+59 SCardListInterfacesA code
+60 SCardListInterfacesW code
+61 SCardListReaderGroupsA code
+62 SCardListReaderGroupsW code
+63 SCardListReadersWithDeviceInstanceIdA code
+64 SCardListReadersWithDeviceInstanceIdW code
+65 SCardLocateCardsA code
+66 SCardLocateCardsByATRA code
+67 SCardLocateCardsByATRW code
+68 SCardLocateCardsW code
+69 SCardReadCacheA code
+70 SCardReadCacheW code
+71 SCardReleaseAllEvents code
+72 SCardReleaseNewReaderEvent code
+73 SCardReleaseStartedEvent code
+74 SCardRemoveReaderFromGroupA code
+75 SCardRemoveReaderFromGroupW code
+76 SCardSetAttrib code
+77 SCardSetCardTypeProviderNameA code
+78 SCardSetCardTypeProviderNameW code
+79 SCardState code
+80 SCardWriteCacheA code
+81 SCardWriteCacheW code"
+export_count=$(echo "$expected_exports" | wc -l)
 
 echo "--- winscard.dll"
 if read_module "$dir/winscard.dll" ws; then
@@ -168,14 +225,34 @@ if read_module "$dir/winscard.dll" ws; then
   export_rvas "$work/ws.p" | sort -n >"$work/ws.rvas"
   echo "$expected_exports" | awk '{ print $1, $2 }' | sort -n >"$work/ws.expected"
   if diff -u "$work/ws.expected" "$work/ws.names" >"$work/ws.diff"; then
-    pass "exports: exactly the 26 names at their ordinals"
+    pass "exports: exactly the $export_count names at their ordinals"
   else
     fail "exports differ from the interface (- expected, + built):"
     sed -n '3,$p' "$work/ws.diff"
   fi
   rva_count=$(wc -l <"$work/ws.rvas")
-  [ "$rva_count" -eq 26 ] && pass "export address table has 26 entries, none without a name" \
-    || fail "export address table has $rva_count entries, not 26"
+  [ "$rva_count" -eq "$export_count" ] && pass "export address table has $export_count entries, none without a name" \
+    || fail "export address table has $rva_count entries, not $export_count"
+
+  # Every function and record of the system's winscard.dll, as mingw-w64's
+  # x86_64 import library lists them (the 32-bit one lacks a few), must be
+  # exported by name, so that no host that binds one of them finds a gap.
+  implib=${WINSCARD_IMPLIB:-/usr/x86_64-w64-mingw32/lib/libwinscard.a}
+  nm=${NM:-x86_64-w64-mingw32-nm}
+  if [ -f "$implib" ] && command -v "$nm" >/dev/null; then
+    "$nm" "$implib" | awk '$2 == "I" && $3 ~ /^__imp_/ { sub(/^__imp_/, "", $3); print $3 }' | sort -u >"$work/implib.names"
+    published=$(wc -l <"$work/implib.names")
+    missing=$(awk '{ print $2 }' "$work/ws.names" | sort -u | comm -23 "$work/implib.names" - | tr '\n' ' ')
+    if [ "$published" -lt 77 ]; then
+      fail "$implib lists $published names, fewer than the 77 of the system's winscard.dll"
+    elif [ -z "$missing" ]; then
+      pass "all $published names of the system's winscard.dll are exported"
+    else
+      fail "names of the system's winscard.dll not exported: $missing"
+    fi
+  else
+    fail "cannot read the published list: $implib or $nm is missing"
+  fi
 
   base=$(image_base "$work/ws.p")
   kinds_ok=yes

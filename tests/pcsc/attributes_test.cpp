@@ -1,6 +1,6 @@
-// Attributes and the small calls: the vendor name and the ATR in every
-// buffer form, the ids without data, the calls without effect, and the
-// exported protocol control records.
+// Attributes and the small calls: every attribute served in every buffer
+// form, the ids outside the set, control codes, the calls without effect,
+// and the exported protocol control records.
 #include "pcsc_test_support.h"
 
 #include <cstring>
@@ -75,8 +75,22 @@ protected:
 
 const std::string kVendor = "Quorvane Ltd.\0\0\0\0\0\0\0\0\0\0\0"s;  // always 24 bytes
 const std::string kAtr = "\x3B\x80\x01"s;
+const std::string kIfdType = "Tessel Rack\0"s;
+const std::string kName = "Tessel A1 R1\0"s;
+const DWORD kWideNameSize = 13 * sizeof(wchar_t);
+const DWORD kProtocolTypes = SCARD_ATTR_VALUE(SCARD_CLASS_PROTOCOL, 0x0120);
 
-TEST_F(AttributesTest, VendorNameAtrAndIdsWithoutDataInEveryBufferForm)
+// A DWORD attribute: four bytes in the machine's order.
+std::string dword(uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
+
+// A narrow text with its NUL as the wide form's bytes.
+std::string wideBytes(const std::string& text)
+{
+    std::wstring wide(text.begin(), text.end());
+    return std::string(reinterpret_cast<const char*>(wide.data()), wide.size() * sizeof(wchar_t));
+}
+
+TEST_F(AttributesTest, EveryAttributeInEveryBufferForm)
 {
     startReaders();
     const DWORD vendor = SCARD_ATTR_VENDOR_NAME, atr = SCARD_ATTR_ATR_STRING, autoSize = SCARD_AUTOALLOCATE;
@@ -98,11 +112,52 @@ TEST_F(AttributesTest, VendorNameAtrAndIdsWithoutDataInEveryBufferForm)
         {Handle::Empty, atr, Buffer::Sized, 32, SCARD_S_SUCCESS, 0, "", nullptr},
         {Handle::Unknown, atr, Buffer::Sized, 32, SCARD_E_INVALID_HANDLE, 32, "", nullptr},
         {Handle::Unknown, atr, Buffer::Auto, 0, SCARD_E_INVALID_HANDLE, autoSize, "", nullptr},
-        // Ids without data: success or 50, nothing written.
-        {Handle::Card, SCARD_ATTR_VENDOR_IFD_VERSION, Buffer::Sized, 8, SCARD_S_SUCCESS, 8, "", nullptr},
-        {Handle::Card, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, Buffer::Sized, 8, SCARD_S_SUCCESS, 8, "", nullptr},
-        {Handle::Card, SCARD_ATTR_VENDOR_IFD_TYPE, Buffer::Sized, 8, 50, 8, "", nullptr},
-        {Handle::Card, 0x7A007A, Buffer::Auto, 0, 50, autoSize, "", "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\n"},
+        // The rest of the set, each with its true length in all three
+        // forms; a short buffer gets what fits and the length it needs.
+        {Handle::Zero, SCARD_ATTR_VENDOR_IFD_TYPE, Buffer::Sized, 32, SCARD_S_SUCCESS, 12, kIfdType, nullptr},
+        {Handle::Zero, SCARD_ATTR_VENDOR_IFD_TYPE, Buffer::Sized, 4, SCARD_E_INSUFFICIENT_BUFFER, 12, "Tess", nullptr},
+        {Handle::Zero, SCARD_ATTR_VENDOR_IFD_TYPE, Buffer::None, 0, SCARD_S_SUCCESS, 12, "", nullptr},
+        {Handle::Zero, SCARD_ATTR_VENDOR_IFD_TYPE, Buffer::Auto, 0, SCARD_S_SUCCESS, 12, kIfdType, nullptr},
+        {Handle::Unknown, SCARD_ATTR_VENDOR_IFD_VERSION, Buffer::Sized, 8, SCARD_S_SUCCESS, 4, dword(0x01020003), nullptr},
+        {Handle::Card, SCARD_ATTR_VENDOR_IFD_VERSION, Buffer::Auto, 0, SCARD_S_SUCCESS, 4, dword(0x01020003), nullptr},
+        {Handle::Card, SCARD_ATTR_VENDOR_IFD_VERSION, Buffer::None, 0, SCARD_S_SUCCESS, 4, "", nullptr},
+        {Handle::Card, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, Buffer::Sized, 8, SCARD_S_SUCCESS, 3, "A1\0"s, nullptr},
+        {Handle::Empty, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, Buffer::Auto, 0, SCARD_S_SUCCESS, 3, "A1\0"s, nullptr},
+        {Handle::Card, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, Buffer::Sized, 2, SCARD_E_INSUFFICIENT_BUFFER, 3, "A1", nullptr},
+        {Handle::Unknown, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, Buffer::Sized, 8, SCARD_E_INVALID_HANDLE, 8, "", nullptr},
+        {Handle::Card, SCARD_ATTR_DEVICE_FRIENDLY_NAME_A, Buffer::Sized, 32, SCARD_S_SUCCESS, 13, kName, nullptr},
+        {Handle::Card, SCARD_ATTR_DEVICE_SYSTEM_NAME_A, Buffer::None, 0, SCARD_S_SUCCESS, 13, "", nullptr},
+        {Handle::Card, SCARD_ATTR_DEVICE_SYSTEM_NAME_A, Buffer::Auto, 0, SCARD_S_SUCCESS, 13, kName, nullptr},
+        {Handle::Card, SCARD_ATTR_DEVICE_FRIENDLY_NAME_W, Buffer::Auto, 0, SCARD_S_SUCCESS, kWideNameSize,
+         wideBytes(kName), nullptr},
+        {Handle::Card, SCARD_ATTR_DEVICE_SYSTEM_NAME_W, Buffer::Sized, 64, SCARD_S_SUCCESS, kWideNameSize,
+         wideBytes(kName), nullptr},
+        {Handle::Unknown, SCARD_ATTR_DEVICE_SYSTEM_NAME_W, Buffer::Auto, 0, SCARD_E_INVALID_HANDLE, autoSize, "", nullptr},
+        {Handle::Card, SCARD_ATTR_CHANNEL_ID, Buffer::Sized, 4, SCARD_S_SUCCESS, 4, dword(0x00200001), nullptr},
+        {Handle::Card, SCARD_ATTR_CHANNEL_ID, Buffer::Sized, 3, SCARD_E_INSUFFICIENT_BUFFER, 4,
+         dword(0x00200001).substr(0, 3), nullptr},
+        {Handle::Card, SCARD_ATTR_CURRENT_PROTOCOL_TYPE, Buffer::Sized, 8, SCARD_S_SUCCESS, 4, dword(SCARD_PROTOCOL_T0),
+         nullptr},
+        {Handle::Empty, SCARD_ATTR_CURRENT_PROTOCOL_TYPE, Buffer::Auto, 0, SCARD_S_SUCCESS, 4, dword(0), nullptr},
+        {Handle::Card, SCARD_ATTR_ICC_PRESENCE, Buffer::Sized, 1, SCARD_S_SUCCESS, 1, "\x02", nullptr},
+        {Handle::Empty, SCARD_ATTR_ICC_PRESENCE, Buffer::Auto, 0, SCARD_S_SUCCESS, 1, "\0"s, nullptr},
+        {Handle::Card, SCARD_ATTR_ICC_INTERFACE_STATUS, Buffer::Auto, 0, SCARD_S_SUCCESS, 1, "\x01", nullptr},
+        {Handle::Empty, SCARD_ATTR_ICC_INTERFACE_STATUS, Buffer::Sized, 4, SCARD_S_SUCCESS, 1, "\0"s, nullptr},
+        {Handle::Card, SCARD_ATTR_ICC_INTERFACE_STATUS, Buffer::None, 0, SCARD_S_SUCCESS, 1, "", nullptr},
+        {Handle::Zero, kProtocolTypes, Buffer::Sized, 4, SCARD_S_SUCCESS, 4, dword(3), nullptr},
+        {Handle::Zero, SCARD_ATTR_DEFAULT_CLK, Buffer::Auto, 0, SCARD_S_SUCCESS, 4, dword(3571), nullptr},
+        {Handle::Zero, SCARD_ATTR_MAX_CLK, Buffer::Sized, 4, SCARD_S_SUCCESS, 4, dword(3571), nullptr},
+        {Handle::Zero, SCARD_ATTR_DEFAULT_DATA_RATE, Buffer::None, 0, SCARD_S_SUCCESS, 4, "", nullptr},
+        {Handle::Zero, SCARD_ATTR_MAX_DATA_RATE, Buffer::Sized, 4, SCARD_S_SUCCESS, 4, dword(9600), nullptr},
+        {Handle::Zero, SCARD_ATTR_MAX_IFSD, Buffer::Sized, 4, SCARD_S_SUCCESS, 4, dword(254), nullptr},
+        {Handle::Zero, SCARD_ATTR_CHARACTERISTICS, Buffer::Auto, 0, SCARD_S_SUCCESS, 4, dword(0), nullptr},
+        {Handle::Zero, SCARD_ATTR_POWER_MGMT_SUPPORT, Buffer::Sized, 4, SCARD_S_SUCCESS, 4, dword(0), nullptr},
+        // An id outside the set: the platform's code for an unsupported
+        // feature in every form, never 50, and nothing written.
+        {Handle::Card, 0x7A007A, Buffer::Sized, 8, SCARD_E_UNSUPPORTED_FEATURE, 8, "", "get_atr\n"},
+        {Handle::Card, 0x7A007A, Buffer::None, 0, SCARD_E_UNSUPPORTED_FEATURE, 0, "", nullptr},
+        {Handle::Card, 0x7A007A, Buffer::Auto, 0, SCARD_E_UNSUPPORTED_FEATURE, autoSize, "",
+         "get_atr\nget_atr_SCARD_AUTOALLOCATE\n\n"},
     };
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
         SCOPED_TRACE("case " + std::to_string(i));
@@ -118,19 +173,45 @@ TEST_F(AttributesTest, SmallCallsAnswerForAnythingAndChangeNothing)
     EXPECT_EQ(SCardBeginTransaction(0x1234), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardEndTransaction(handleOf(Handle::Card), 99), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardCancel(0), SCARD_S_SUCCESS);
-    // The slots have no control codes; pcsc-lite's answer for that.
-    DWORD returned = 0xCAFE;
-    EXPECT_EQ(SCardControl(0, 1, nullptr, 5, nullptr, 5, &returned), SCARD_E_UNSUPPORTED_FEATURE);
-    EXPECT_EQ(SCardControl(handleOf(Handle::Card), 0x42, nullptr, 0, nullptr, 0, nullptr),
-              SCARD_E_UNSUPPORTED_FEATURE);
-    EXPECT_EQ(returned, 0u);
-    EXPECT_EQ(SCardSetAttrib(handleOf(Handle::Card), SCARD_ATTR_VENDOR_NAME, nullptr, 0), SCARD_E_UNSUPPORTED_FEATURE);
+    // Control codes: the feature request gets an empty list, every other
+    // code pcsc-lite's answer for a feature the reader lacks; the count of
+    // bytes returned is written on every way out.
+    struct ControlCase {
+        Handle handle;
+        DWORD code;
+        bool countGiven;
+        LONG result;
+    };
+    const ControlCase controls[] = {
+        {Handle::Card, CM_IOCTL_GET_FEATURE_REQUEST, true, SCARD_S_SUCCESS},
+        {Handle::Card, SCARD_CTL_CODE(1), true, SCARD_E_UNSUPPORTED_FEATURE},
+        {Handle::Empty, 0x42, false, SCARD_E_UNSUPPORTED_FEATURE},
+        {Handle::Zero, CM_IOCTL_GET_FEATURE_REQUEST, true, SCARD_E_INVALID_HANDLE},
+        {Handle::Unknown, 1, true, SCARD_E_INVALID_HANDLE},
+    };
+    for (const ControlCase& c : controls) {
+        SCOPED_TRACE("control code " + std::to_string(c.code));
+        Guarded<BYTE> out(64);
+        DWORD returned = 0xCAFE;
+        EXPECT_EQ(SCardControl(handleOf(c.handle), c.code, nullptr, 0, out.data(), 64, c.countGiven ? &returned : nullptr),
+                  c.result);
+        if (c.countGiven) {
+            EXPECT_EQ(returned, 0u);
+        }
+        EXPECT_TRUE(out.untouched());
+    }
+    // Nothing can be set; a missing value and an unknown handle are told
+    // apart.
+    const BYTE value[4] = {};
+    EXPECT_EQ(SCardSetAttrib(handleOf(Handle::Card), SCARD_ATTR_VENDOR_NAME, value, 4), SCARD_E_UNSUPPORTED_FEATURE);
+    EXPECT_EQ(SCardSetAttrib(handleOf(Handle::Card), SCARD_ATTR_VENDOR_NAME, nullptr, 0), SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(SCardSetAttrib(handleOf(Handle::Unknown), SCARD_ATTR_VENDOR_NAME, value, 4), SCARD_E_INVALID_HANDLE);
     EXPECT_EQ(SCardGetStatusChange(0, INFINITE, nullptr, 0), SCARD_S_SUCCESS);
-    char groups[32] = {};
-    DWORD groupsLength = sizeof groups;
-    EXPECT_EQ(SCardListReaderGroups(0, groups, &groupsLength), SCARD_S_SUCCESS);
-    EXPECT_EQ(std::string(groups, groupsLength), std::string("SCard$DefaultReaders\0\0", 22));
-    EXPECT_EQ(logText(), "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\n");
+    EXPECT_EQ(logText(),
+              "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\n"
+              "SCardSetAttrib\nSCardSetAttrib SCARD_E_UNSUPPORTED_FEATURE\n"
+              "SCardSetAttrib\nSCardSetAttrib SCARD_E_INVALID_PARAMETER\n"
+              "SCardSetAttrib\nSCardSetAttrib SCARD_E_INVALID_HANDLE\n");
 }
 
 TEST(ProtocolControlRecords, HaveTheirPublishedValues)

@@ -1,6 +1,10 @@
 // Reader listing in its buffer forms, narrow and wide, and SCardFreeMemory.
 #include "pcsc_test_support.h"
 
+#include <cstdlib>
+
+#include "pcsc/host_buffer.h"
+
 namespace pcsc_test {
 namespace {
 
@@ -97,6 +101,51 @@ TEST_F(ListingTest, EveryBufferFormInBothWidths)
     EXPECT_EQ(SCardFreeMemory(0, nullptr), SCARD_S_SUCCESS);
 }
 
+// The one reader group, by the same buffer rules; pcsc-lite ignores the
+// group list of SCardListReaders, and so does the library here.
+TEST_F(ListingTest, ReaderGroupsInEveryBufferFormAndGroupsIgnoredInTheListing)
+{
+    addRack("A1", 1);
+    startLibrary(1);
+    const std::string groups("SCard$DefaultReaders\0\0", 22);
+    struct GroupCase {
+        Form form;
+        LONG result;
+    };
+    const GroupCase cases[] = {
+        {Form::Query, SCARD_S_SUCCESS},    {Form::Exact, SCARD_S_SUCCESS},
+        {Form::Short, SCARD_E_INSUFFICIENT_BUFFER}, {Form::Auto, SCARD_S_SUCCESS},
+        {Form::AutoWithoutPointer, SCARD_E_INVALID_PARAMETER}, {Form::NoSize, SCARD_E_INVALID_PARAMETER},
+    };
+    for (const GroupCase& c : cases) {
+        SCOPED_TRACE("form " + std::to_string(int(c.form)));
+        Guarded<char> buffer(22);
+        char* block = nullptr;
+        DWORD size = c.form == Form::Short ? 21 : c.form == Form::Query ? 0xCAFE : 22;
+        if (c.form == Form::Auto || c.form == Form::AutoWithoutPointer) size = SCARD_AUTOALLOCATE;
+        char* target = c.form == Form::Query || c.form == Form::AutoWithoutPointer ? nullptr
+                       : c.form == Form::Auto ? reinterpret_cast<char*>(&block)
+                                              : buffer.data();
+        EXPECT_EQ(SCardListReaderGroups(0, target, c.form == Form::NoSize ? nullptr : &size), c.result);
+        if (c.form != Form::NoSize) {
+            EXPECT_EQ(size, 22u);
+        }
+        if (c.form == Form::Exact) {
+            EXPECT_EQ(std::string(buffer.data(), 22), groups);
+        } else {
+            EXPECT_TRUE(buffer.untouched());
+        }
+        if (c.form == Form::Auto) {
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(std::string(block, 22), groups);
+            EXPECT_EQ(SCardFreeMemory(0, block), SCARD_S_SUCCESS);
+        }
+    }
+    DWORD size = 0;
+    EXPECT_EQ(SCardListReadersA(0, "No such group\0", nullptr, &size), SCARD_S_SUCCESS);
+    EXPECT_EQ(size, 14u);
+}
+
 TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)
 {
     startLibrary(0);
@@ -116,6 +165,54 @@ TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)
     EXPECT_EQ(size, 1u);
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(logText(), "SCardListReadersW\nwide len is 1\nSCARD_E_NO_READERS_AVAILABLE\nreached end of Wlistreaders 1\n");
+}
+
+// The one implementation of the buffer rules that every call above and
+// the status query, the attributes and the groups use, row by row: how the
+// host offers its buffer, what a short one receives, and what comes back.
+TEST(HostBufferRules, EveryFormAndEveryShortRule)
+{
+    enum class Offer { Query, Sized, Auto, AutoWithoutPointer };
+    struct Row {
+        Offer offer;
+        DWORD capacity;
+        ShortBuffer rule;
+        LONG result;
+        std::string written;  // the buffer or the block afterwards, up to its fill
+    };
+    const std::string data("abcd\0", 5);
+    const Row rows[] = {
+        {Offer::Query, 0, ShortBuffer::untouched, SCARD_S_SUCCESS, ""},
+        {Offer::Sized, 5, ShortBuffer::untouched, SCARD_S_SUCCESS, data},
+        {Offer::Sized, 9, ShortBuffer::untouched, SCARD_S_SUCCESS, data},
+        {Offer::Sized, 3, ShortBuffer::untouched, SCARD_E_INSUFFICIENT_BUFFER, ""},
+        {Offer::Sized, 3, ShortBuffer::whatFits, SCARD_E_INSUFFICIENT_BUFFER, "abc"},
+        {Offer::Sized, 3, ShortBuffer::textThatFits, SCARD_E_INSUFFICIENT_BUFFER, std::string("ab\0", 3)},
+        {Offer::Sized, 0, ShortBuffer::textThatFits, SCARD_E_INSUFFICIENT_BUFFER, ""},
+        {Offer::Auto, 0, ShortBuffer::untouched, SCARD_S_SUCCESS, data},
+        {Offer::AutoWithoutPointer, 0, ShortBuffer::untouched, SCARD_E_INVALID_PARAMETER, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE("offer " + std::to_string(int(row.offer)) + ", capacity " + std::to_string(row.capacity));
+        Guarded<char> buffer(row.capacity);
+        char* block = nullptr;
+        DWORD length = row.offer == Offer::Auto || row.offer == Offer::AutoWithoutPointer ? SCARD_AUTOALLOCATE
+                                                                                          : row.capacity;
+        char* target = row.offer == Offer::Sized ? buffer.data()
+                       : row.offer == Offer::Auto ? reinterpret_cast<char*>(&block)
+                                                  : nullptr;
+        EXPECT_EQ(deliverElements(data.data(), 5, target, &length, row.rule), row.result);
+        EXPECT_EQ(length, 5u) << "the size needed, on every way out";
+        if (row.offer == Offer::Auto) {
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(std::string(block, 5), row.written);
+            std::free(block);
+            continue;
+        }
+        EXPECT_EQ(std::string(buffer.data(), row.written.size()), row.written);
+        for (size_t i = row.written.size(); i < row.capacity + Guarded<char>::guardCount; ++i)
+            ASSERT_EQ(buffer[i], 0x5A) << "written at " << i;
+    }
 }
 
 }  // namespace

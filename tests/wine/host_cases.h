@@ -51,3 +51,4 @@ struct Host {
 };
 
 int runPnpCancelCases(Host& host);
+int runApiSurfaceCases(Host& host);

@@ -230,6 +230,7 @@ const struct {
 // CMakeLists.txt. They run after the cases above, before the unload.
 int (*const kMoreCaseFiles[])(Host&) = {
     runPnpCancelCases,
+    runApiSurfaceCases,
 };
 
 // ---- Set-up --------------------------------------------------------------------

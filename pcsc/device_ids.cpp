@@ -1,0 +1,128 @@
+// What the device manager would say of a reader: its type, the instance id
+// of the device it belongs to, and its icon. A rack is one device: each
+// has one stable instance id, made of its serial number, shared by all its
+// slots.
+#include <string>
+#include <vector>
+
+#include "link/rack.h"
+#include "pcsc/api_text.h"
+#include "pcsc/call_trace.h"
+#include "pcsc/host_buffer.h"
+#include "pcsc/lookups.h"
+#include "pcsc/registry.h"
+#include "pcsc/winscard_api.h"
+#include "reader/reader.h"
+
+namespace {
+
+std::wstring instanceIdOf(const Rack& rack) { return wideText(("TESSEL\\RACK\\" + rack.serialNumber()).c_str()); }
+
+RackReader readerNamed(const char* name) { return findReaderByName(name); }
+RackReader readerNamed(const wchar_t* name) { return findReaderByWideName(name); }
+
+template <typename Char>
+LONG deviceTypeId(const char* call, const Char* szReaderName, LPDWORD pdwDeviceTypeId)
+{
+    traceEntry(call);
+    if (szReaderName == nullptr || pdwDeviceTypeId == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
+    if (readerNamed(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
+    // The racks hang on USB.
+    *pdwDeviceTypeId = SCARD_READER_TYPE_USB;
+    return traceResult(call, SCARD_S_SUCCESS);
+}
+
+template <typename Char>
+LONG readerInstanceId(const char* call, const Char* szReaderName, Char* szDeviceInstanceId,
+                      LPDWORD pcchDeviceInstanceId)
+{
+    traceEntry(call);
+    if (szReaderName == nullptr || pcchDeviceInstanceId == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
+    const RackReader found = readerNamed(szReaderName);
+    if (found.reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
+    const std::basic_string<Char> id = textAs<Char>(instanceIdOf(*found.rack));
+    return traceResult(call, deliverElements(id.c_str(), static_cast<DWORD>(id.size() + 1), szDeviceInstanceId,
+                                             pcchDeviceInstanceId));
+}
+
+template <typename Char>
+LONG readersWithInstanceId(const char* call, const Char* szDeviceInstanceId, Char* mszReaders, LPDWORD pcchReaders)
+{
+    traceEntry(call);
+    if (szDeviceInstanceId == nullptr || pcchReaders == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
+    const std::wstring wanted = wideText(szDeviceInstanceId);
+    std::vector<std::wstring> names;
+    for (size_t r = 0, racks = g_racks.size(); r < racks; ++r) {
+        const Rack& rack = *g_racks[r];
+        if (instanceIdOf(rack) != wanted) continue;
+        const GrowingList<Reader*>& readers = rack.readers();
+        for (size_t i = 0, n = readers.size(); i < n; ++i) names.push_back(wideText(readers[i]->name.c_str()));
+    }
+    // No such device: the answer of a listing without readers.
+    if (names.empty()) {
+        *pcchReaders = 1;
+        return traceResult(call, SCARD_E_NO_READERS_AVAILABLE);
+    }
+    const std::basic_string<Char> list = multiString<Char>(names);
+    return traceResult(call, deliverElements(list.data(), static_cast<DWORD>(list.size()), mszReaders, pcchReaders));
+}
+
+// The slots have no icon of their own; the host shows its default.
+template <typename Char>
+LONG readerIcon(const char* call, const Char* szReaderName, LPDWORD pcbIcon)
+{
+    traceEntry(call);
+    if (szReaderName == nullptr || pcbIcon == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
+    if (readerNamed(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
+    return traceResult(call, SCARD_E_UNSUPPORTED_FEATURE);
+}
+
+}  // namespace
+
+extern "C" {
+
+LONG WINAPI SCardGetDeviceTypeIdA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPDWORD pdwDeviceTypeId)
+{
+    return deviceTypeId("SCardGetDeviceTypeIdA", szReaderName, pdwDeviceTypeId);
+}
+
+LONG WINAPI SCardGetDeviceTypeIdW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPDWORD pdwDeviceTypeId)
+{
+    return deviceTypeId("SCardGetDeviceTypeIdW", szReaderName, pdwDeviceTypeId);
+}
+
+LONG WINAPI SCardGetReaderDeviceInstanceIdA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPSTR szDeviceInstanceId,
+                                            LPDWORD pcchDeviceInstanceId)
+{
+    return readerInstanceId("SCardGetReaderDeviceInstanceIdA", szReaderName, szDeviceInstanceId, pcchDeviceInstanceId);
+}
+
+LONG WINAPI SCardGetReaderDeviceInstanceIdW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPWSTR szDeviceInstanceId,
+                                            LPDWORD pcchDeviceInstanceId)
+{
+    return readerInstanceId("SCardGetReaderDeviceInstanceIdW", szReaderName, szDeviceInstanceId, pcchDeviceInstanceId);
+}
+
+LONG WINAPI SCardListReadersWithDeviceInstanceIdA(SCARDCONTEXT hContext, LPCSTR szDeviceInstanceId, LPSTR mszReaders,
+                                                  LPDWORD pcchReaders)
+{
+    return readersWithInstanceId("SCardListReadersWithDeviceInstanceIdA", szDeviceInstanceId, mszReaders, pcchReaders);
+}
+
+LONG WINAPI SCardListReadersWithDeviceInstanceIdW(SCARDCONTEXT hContext, LPCWSTR szDeviceInstanceId,
+                                                  LPWSTR mszReaders, LPDWORD pcchReaders)
+{
+    return readersWithInstanceId("SCardListReadersWithDeviceInstanceIdW", szDeviceInstanceId, mszReaders, pcchReaders);
+}
+
+LONG WINAPI SCardGetReaderIconA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPBYTE pbIcon, LPDWORD pcbIcon)
+{
+    return readerIcon("SCardGetReaderIconA", szReaderName, pcbIcon);
+}
+
+LONG WINAPI SCardGetReaderIconW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPBYTE pbIcon, LPDWORD pcbIcon)
+{
+    return readerIcon("SCardGetReaderIconW", szReaderName, pcbIcon);
+}
+
+}  // extern "C"
