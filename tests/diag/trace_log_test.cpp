@@ -191,7 +191,7 @@ TEST_F(TraceLog, SettingsShapeTheLogOfTheNextLoad)
         {"off", nullptr, nullptr},
         {"redact", "64k", "banner\r\nwide\nentry\n"},
         {"loud", nullptr,
-         "TESSEL_TRACE: \"loud\" is not full, redact or off; the trace stays full\nbanner\r\nwide\nentry\n"},
+         "TESSEL_TRACE: \"loud\" is not full, full+pins, redact or off; the trace stays full\nbanner\r\nwide\nentry\n"},
         {nullptr, "2K",
          "TESSEL_TRACE_LIMIT: \"2K\" is not a size of 4K or more (such as 65536, 64K, 512M, 2G) or 0; "
          "the limit stays 512M\nbanner\r\nwide\nentry\n"},
