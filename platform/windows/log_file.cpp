@@ -124,10 +124,10 @@ LogOpenResult LogFile::open(const std::string& path, bool empty)
     if (ownerDescriptor) LocalFree(ownerDescriptor);
     if (const char* doubt = logFileDoubt(facts)) return refuse(LogOpenOutcome::refused, doubt);
 
-    OVERLAPPED far{};
-    far.Offset = 0xFFFFFFF0u;
-    far.OffsetHigh = 0x3FFFFFFFu;
-    if (!LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &far))
+    OVERLAPPED pastTheEnd{};
+    pastTheEnd.Offset = 0xFFFFFFF0u;
+    pastTheEnd.OffsetHigh = 0x3FFFFFFFu;
+    if (!LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &pastTheEnd))
         return refuse(LogOpenOutcome::inUse, "another running process writes it");
 
     if (SetSecurityInfo(file, SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
