@@ -105,20 +105,19 @@ bool openLogFile(bool empty)
 
     const std::string refused = g_logPath;
     const std::string own = platform::logPathForThisProcess(platform::logFilePath());
+    std::string why = "the trace log " + refused + " is not used (" + result.reason + ")";
     if (refused != own) {
         platform::LogOpenResult second = g_open.file.open(own, true);
         if (second.outcome != platform::LogOpenOutcome::refused &&
             second.outcome != platform::LogOpenOutcome::inUse) {
             g_logPath = own;
-            sayOnStandardError("the trace log " + refused + " is not used (" + result.reason +
-                               "); this process writes its log to " + own);
+            sayOnStandardError(why + "; this process writes its log to " + own);
             return second.outcome == platform::LogOpenOutcome::opened;
         }
-        result = second;
+        why += " and neither is " + own + " (" + second.reason + ")";
     }
     g_open.none = true;
-    sayOnStandardError("the trace log " + refused + " is not used (" + result.reason + ") and neither is " + own +
-                       "; this process writes no trace log");
+    sayOnStandardError(why + "; this process writes no trace log");
     return false;
 }
 

@@ -158,7 +158,7 @@ TEST_F(LogFileSafety, WhenTheOwnFileIsPlantedTooThereIsNoLog)
     const std::string said = load();
     EXPECT_EQ(readFile(victim_), kVictimText);
     EXPECT_EQ(said, "Tessel winscard: the trace log " + path_ + " is not used (it is a symbolic link) and neither is " +
-                        own_ + "; this process writes no trace log\n");
+                        own_ + " (it is a symbolic link); this process writes no trace log\n");
     logWrite("more\n");
     EXPECT_EQ(readFile(victim_), kVictimText) << "later entries do not try again";
 }
