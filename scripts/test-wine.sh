@@ -102,7 +102,9 @@ fast_link_on() {
 }
 
 # LoadLibrary of winscard.dll while a second thread loads DLLs: the entry
-# function must not hold the loader lock up (tests/wine/loader_lock_host.cpp).
+# function must not hold the loader lock up; and a second name of another
+# file planted at the log's path is left alone, the log going owner-only to
+# the process's own file (tests/wine/loader_lock_host.cpp).
 run_loader_lock_host() {  # modules folder, bits
   local modules=$1 bits=$2
   if [ ! -f "$modules/loader_lock_host.exe" ]; then
@@ -123,7 +125,6 @@ run_loader_lock_host() {  # modules folder, bits
     failures=$((failures + 1))
   fi
   summaries+=("$bits-bit loader lock host: ${summary:-no summary}")
-  log_check "the log of that load starts with the banner" first_line_has_banner
 }
 
 run_build() {  # build dir

@@ -8,6 +8,7 @@
 // readers are all there as soon as it returns. Prints PASS or FAIL per
 // check and "N passed, M failed" last.
 #include <windows.h>
+#include <aclapi.h>
 #include <winscard.h>
 
 #include <atomic>
@@ -58,6 +59,55 @@ bool resolve(HMODULE module, const char* name, Target& out)
 // that take a third of that are slow but not held up by it.
 constexpr double kHeldUpMs = 700;
 
+std::wstring publicDocuments(const wchar_t* file)
+{
+    wchar_t folder[MAX_PATH];
+    DWORD length = GetEnvironmentVariableW(L"PUBLIC", folder, MAX_PATH);
+    return std::wstring(folder, length) + L"\\Documents\\" + file;
+}
+
+std::string fileText(const std::wstring& path)
+{
+    std::string text;
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return text;
+    char chunk[4096];
+    DWORD got = 0;
+    while (ReadFile(file, chunk, sizeof chunk, &got, nullptr) && got > 0) text.append(chunk, got);
+    CloseHandle(file);
+    return text;
+}
+
+// The log's access list: protected from the folder's, one entry, full
+// access for the user this process runs as.
+bool ownerOnly(const std::wstring& path)
+{
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                              nullptr, &descriptor) != ERROR_SUCCESS)
+        return false;
+    SECURITY_DESCRIPTOR_CONTROL control = 0;
+    DWORD revision = 0;
+    GetSecurityDescriptorControl(descriptor, &control, &revision);
+    bool ok = dacl != nullptr && dacl->AceCount == 1 && (control & SE_DACL_PROTECTED) != 0;
+    void* ace = nullptr;
+    if (ok && GetAce(dacl, 0, &ace)) {
+        auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
+        HANDLE token = nullptr;
+        BYTE user[256];
+        DWORD size = 0;
+        ok = allowed->Header.AceType == ACCESS_ALLOWED_ACE_TYPE &&
+             OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) &&
+             GetTokenInformation(token, TokenUser, user, sizeof user, &size) &&
+             EqualSid(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, &allowed->SidStart);
+        if (token) CloseHandle(token);
+    }
+    LocalFree(descriptor);
+    return ok;
+}
+
 }  // namespace
 
 int wmain()
@@ -76,6 +126,21 @@ int wmain()
         return 1;
     }
     addSlots(addDevice("Smart Card Rack", "L1"), 1, 2);
+
+    // Another user's trick in the public folder: the log's name made a
+    // second name of some other file. The library must leave it alone.
+    const std::wstring logPath = publicDocuments(L"QuorvaneDLL.log");
+    const std::wstring victim = besideThisProgram(L"victim.txt");
+    const char victimText[] = "not a log\r\n";
+    DeleteFileW(logPath.c_str());
+    HANDLE made = CreateFileW(victim.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    DWORD written = 0;
+    if (made != INVALID_HANDLE_VALUE) {
+        WriteFile(made, victimText, sizeof victimText - 1, &written, nullptr);
+        CloseHandle(made);
+    }
+    const bool planted = CreateHardLinkW(logPath.c_str(), victim.c_str(), nullptr) != 0;
+    check(planted, "a second name of another file is planted at the log's path");
 
     // The second thread loads and frees a DLL nobody else holds, over and
     // over, from just before winscard.dll's load until just after it.
@@ -124,6 +189,15 @@ int wmain()
         check(listed && std::string(names) == "Tessel L1 R1" && std::string(names + 13) == "Tessel L1 R2",
               "right after it, both readers of the rack are listed");
     }
+
+    const std::wstring own = publicDocuments((L"QuorvaneDLL-" + std::to_wstring(GetCurrentProcessId()) + L".log").c_str());
+    const std::string ownText = fileText(own);
+    if (planted) check(fileText(victim) == victimText, "the file behind the planted name is untouched");
+    const size_t banner = ownText.find("QuorvaneTesselRack driver: 1.2.3");
+    check(banner != std::string::npos && banner < ownText.find('\n') && ownText.find("Tessel L1") != std::string::npos,
+          "the log went to this process's own file beside it, banner first");
+    check(ownerOnly(own), "that log is readable and writable by its owner only");
+    DeleteFileW(logPath.c_str());
     std::printf("%d passed, %d failed\n", g_passed, g_failed);
     return g_failed == 0 ? 0 : 1;
 }
