@@ -103,8 +103,8 @@ fast_link_on() {
 
 # LoadLibrary of winscard.dll while a second thread loads DLLs: the entry
 # function must not hold the loader lock up; and a second name of another
-# file planted at the log's path is left alone, the log going owner-only to
-# the process's own file (tests/wine/loader_lock_host.cpp).
+# file planted at the log's path is left alone, the log going to the
+# process's own file (tests/wine/loader_lock_host.cpp).
 run_loader_lock_host() {  # modules folder, bits
   local modules=$1 bits=$2
   if [ ! -f "$modules/loader_lock_host.exe" ]; then
