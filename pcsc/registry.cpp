@@ -128,6 +128,9 @@ bool selected(const std::vector<std::string>& selection, const char* serial)
 std::string openFailure(const FT_DEVICE_LIST_INFO_NODE& record, int32_t status)
 {
     const std::string serial = record.SerialNumber;
+    // A host that calls KickOff again finds this process's own racks open.
+    for (size_t i = 0, n = g_racks.size(); i < n; ++i)
+        if (g_racks[i]->serialNumber() == serial) return "Rack " + serial + " is already open in this process.\n";
     if (record.Flags & kDeviceOpened)
         return "Rack " + serial + " is held by another process: its device is already open there. This process "
                "leaves it out.\n";
