@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <exception>
 #include <mutex>
 
@@ -35,6 +36,9 @@ struct OpenLog {
     // hundreds of entries a second. One text per kind of stamp.
     int64_t stampSecond[2] = {-1, -1};
     std::string stampText[2];
+    // The log's own place could not be used and neither could this
+    // process's file beside it: no log for this load.
+    bool none = false;
 };
 
 CONSTRUCTED_BEFORE_STARTUP(204) OpenLog g_open;
@@ -78,6 +82,45 @@ void writeStamped(const std::string& body, Stamp kind)
     if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
 }
 
+// Standard error learns once per load why the log is not where it should be.
+void sayOnStandardError(const std::string& text)
+{
+    std::fprintf(stderr, "Tessel winscard: %s\n", text.c_str());
+    std::fflush(stderr);
+}
+
+// Opens the log at g_logPath, with the file's checks. When something is at
+// that path that the log must not be written to (a link, a FIFO, another
+// user's file), or another running process writes the log there, this
+// process writes its own log beside it, with its process id in the name,
+// and never touches the other. If that file fails the checks too, there is
+// no log for this load. Both are said on standard error. A plain failure
+// (no folder yet) is tried again at the next entry.
+bool openLogFile(bool empty)
+{
+    if (g_open.none) return false;
+    platform::LogOpenResult result = g_open.file.open(g_logPath, empty);
+    if (result.outcome == platform::LogOpenOutcome::opened) return true;
+    if (result.outcome == platform::LogOpenOutcome::failed) return false;
+
+    const std::string refused = g_logPath;
+    const std::string own = platform::logPathForThisProcess(platform::logFilePath());
+    std::string why = "the trace log " + refused + " is not used (" + result.reason + ")";
+    if (refused != own) {
+        platform::LogOpenResult second = g_open.file.open(own, true);
+        if (second.outcome != platform::LogOpenOutcome::refused &&
+            second.outcome != platform::LogOpenOutcome::inUse) {
+            g_logPath = own;
+            sayOnStandardError(why + "; this process writes its log to " + own);
+            return second.outcome == platform::LogOpenOutcome::opened;
+        }
+        why += " and neither is " + own + " (" + second.reason + ")";
+    }
+    g_open.none = true;
+    sayOnStandardError(why + "; this process writes no trace log");
+    return false;
+}
+
 // A new load's log: the file is emptied (or, with the trace off, never
 // made) and the settings are read. Tests start the log afresh by emptying
 // g_logPath, which also makes them read the settings again.
@@ -91,10 +134,12 @@ void startLog()
     g_open.bannerTaken = false;
     // A new load formats its stamps afresh, under the time zone it finds.
     g_open.stampSecond[0] = g_open.stampSecond[1] = -1;
+    g_open.none = false;
+    forgetTracedPins();
     g_mode.store(g_open.settings.mode, std::memory_order_relaxed);
     g_open.file.close();
     if (g_open.settings.mode == TraceMode::off) return;
-    g_open.file.open(g_logPath, true);
+    openLogFile(true);
     for (const std::string& refusal : g_open.settings.refusals)
         writeStamped(platform::textForLogFile(refusal.c_str()), Stamp::narrow);
 }
@@ -119,12 +164,14 @@ void rotateLog(uint64_t comingBytes)
     bool moved = platform::replaceFile(g_logPath, older);
     if (!moved && g_open.size + comingBytes <= 2 * limit) {
         g_open.rotateAt = std::min(g_open.size + limit / 16, 2 * limit);
-        g_open.file.open(g_logPath, false);
+        openLogFile(false);
         return;
     }
     g_open.size = 0;
     g_open.rotateAt = limit;
-    if (!g_open.file.open(g_logPath, true)) return;
+    // The new file gets the same checks as the first; a refused one makes
+    // way for this process's own file.
+    if (!openLogFile(true)) return;
     writeStamped(g_open.banner, Stamp::narrow);
     std::string note = "Log rotated at " + decimalText(static_cast<uint32_t>(limit >> 10)) + " KiB; " +
                        (moved ? "the older entries are in " + older
@@ -133,19 +180,9 @@ void rotateLog(uint64_t comingBytes)
     writeStamped(platform::textForLogFile(note.c_str()), Stamp::narrow);
 }
 
-// Appends one entry whose text is already in its disk form. Only the stamp,
-// the rotation test and one write happen under the lock.
-void appendEntry(const std::string& body, Stamp kind, bool mayStartLog)
+// Writes one entry into the started log. Under g_logLock.
+void appendStarted(const std::string& body, Stamp kind)
 {
-    std::string line;
-    line.reserve(kStampRoom + body.size());
-
-    std::lock_guard<platform::ExclusiveLock> guard(g_logLock);
-    if (g_logPath.empty()) {
-        if (!mayStartLog) return;
-        startLog();
-    }
-    if (g_open.settings.mode == TraceMode::off) return;
     if (!g_open.bannerTaken) {
         g_open.banner = body;
         g_open.bannerTaken = true;
@@ -153,10 +190,12 @@ void appendEntry(const std::string& body, Stamp kind, bool mayStartLog)
     // A log whose open failed is tried again at every entry, without
     // emptying it; its size is then what the file holds.
     if (!g_open.file.isOpen()) {
-        if (!g_open.file.open(g_logPath, false)) return;
+        if (!openLogFile(false)) return;
         g_open.size = g_open.file.sizeAtOpen();
     }
 
+    std::string line;
+    line.reserve(kStampRoom + body.size());
     appendStamp(line, kind);
     line += body;
     if (g_open.settings.limitBytes != 0 && g_open.size > 0 && g_open.size + line.size() > g_open.rotateAt) {
@@ -170,9 +209,39 @@ void appendEntry(const std::string& body, Stamp kind, bool mayStartLog)
     if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
 }
 
+// The banner of the load in progress, until it is written.
+std::atomic<const char*> g_pendingBanner{nullptr};
+
+// Appends one entry whose text is already in its disk form (none with
+// `bannerOnly`), after the load's banner if that is still to be written.
+// Only the stamp, the rotation test and the writes happen under the lock.
+void appendEntry(const std::string& body, Stamp kind, bool mayStartLog, bool bannerOnly = false)
+{
+    std::lock_guard<platform::ExclusiveLock> guard(g_logLock);
+    if (g_logPath.empty()) {
+        if (!mayStartLog && g_pendingBanner.load(std::memory_order_acquire) == nullptr) return;
+        startLog();
+    }
+    const char* banner = g_pendingBanner.exchange(nullptr, std::memory_order_acq_rel);
+    if (g_open.settings.mode == TraceMode::off) return;
+    if (banner != nullptr) appendStarted(platform::textForLogFile(banner), Stamp::narrow);
+    if (!bannerOnly) appendStarted(body, kind);
+}
+
 }  // namespace
 
 TraceMode traceMode() { return g_mode.load(std::memory_order_relaxed); }
+
+void setLoadBanner(const char* banner) { g_pendingBanner.store(banner, std::memory_order_release); }
+
+void startLoadLog()
+{
+    if (g_pendingBanner.load(std::memory_order_acquire) == nullptr) return;
+    try {
+        appendEntry(std::string(), Stamp::narrow, true, true);
+    } catch (const std::exception&) {
+    }
+}
 
 void logWrite(const char* text)
 {

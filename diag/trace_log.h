@@ -30,5 +30,16 @@ inline void logWrite(const std::string& text) { logWrite(text.c_str()); }
 void logWriteWide(const wchar_t* text);
 inline void logWriteWide(const std::wstring& text) { logWriteWide(text.c_str()); }
 
+// Names the load's first entry, the banner. It only stores the pointer (the
+// text must live as long as the process), so the entry function may call
+// it under the loader lock; the file is opened later, off that lock. The
+// banner goes to the log ahead of whichever entry comes next from any
+// thread, or with startLoadLog.
+void setLoadBanner(const char* banner);
+
+// Writes the banner set by setLoadBanner now, unless an entry already has
+// (the discovery thread's first step).
+void startLoadLog();
+
 // The mode the log was started with; full until it starts.
 TraceMode traceMode();

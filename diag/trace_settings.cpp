@@ -15,6 +15,7 @@ constexpr uint64_t kLargestNumber = uint64_t{1} << 50;
 bool parseTraceMode(const std::string& text, TraceMode& mode)
 {
     if (text == "full") mode = TraceMode::full;
+    else if (text == "full+pins") mode = TraceMode::fullWithPins;
     else if (text == "redact") mode = TraceMode::redact;
     else if (text == "off") mode = TraceMode::off;
     else return false;
@@ -52,7 +53,7 @@ TraceSettings readTraceSettings()
     std::string value;
     if (platform::environmentVariable("TESSEL_TRACE", value) && !parseTraceMode(value, settings.mode))
         settings.refusals.push_back("TESSEL_TRACE: \"" + value +
-                                    "\" is not full, redact or off; the trace stays full\n");
+                                    "\" is not full, full+pins, redact or off; the trace stays full\n");
     if (platform::environmentVariable("TESSEL_TRACE_LIMIT", value) && !parseTraceLimit(value, settings.limitBytes))
         settings.refusals.push_back("TESSEL_TRACE_LIMIT: \"" + value +
                                     "\" is not a size of 4K or more (such as 65536, 64K, 512M, 2G) or 0; the limit "

@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
-enum class TraceMode { full, redact, off };
+// full hides the data field of the commands that carry a PIN (and those
+// bytes wherever they show again); fullWithPins ("full+pins") shows them.
+enum class TraceMode { full, fullWithPins, redact, off };
 
 struct TraceSettings {
     TraceMode mode = TraceMode::full;
@@ -20,7 +22,7 @@ struct TraceSettings {
 // missing or refused values.
 TraceSettings readTraceSettings();
 
-// "full", "redact" or "off"; false for anything else.
+// "full", "full+pins", "redact" or "off"; false for anything else.
 bool parseTraceMode(const std::string& text, TraceMode& mode);
 
 // A size in bytes, or with a suffix K, M or G (binary multiples, either

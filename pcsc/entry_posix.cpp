@@ -2,6 +2,11 @@
 // the Windows entry function. Loading runs the start-up; unloading closes
 // the links and, since here the process can go on without the library,
 // stops every rack's worker threads before the code goes away.
+//
+// The constructor runs under the dynamic loader's lock, which every other
+// thread's dlopen and dlclose wait for. KickOff therefore only names the
+// banner and starts the discovery thread (no file, no pause); the log is
+// opened and the racks searched on that thread.
 #include <atomic>
 #include <cstdlib>
 

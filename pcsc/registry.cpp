@@ -1,5 +1,12 @@
 // Start-up: the banner, the discovery thread that searches the device list
 // once, and the registry of racks that every exported call works over.
+//
+// The start-up runs from the entry function, under the loader lock, so
+// KickOff does nothing there but name the banner and start the discovery
+// thread: no file, no time formatting, no further module, no pause. The
+// thread, which runs once the loader lets go, raises the timer resolution,
+// writes the banner (opening the log) and searches. SCardEstablishContext
+// waits for what it finds, so hosts still see settled lists.
 #include "pcsc/registry.h"
 
 #include <atomic>
@@ -8,12 +15,17 @@
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <string>
+#include <vector>
 
+#include "diag/text.h"
 #include "diag/trace_log.h"
 #include "platform/global_order.h"
 #include "pcsc/registry_testing.h"
 #include "platform/clock.h"
+#include "platform/environment.h"
 #include "platform/thread.h"
+#include "platform/timer_resolution.h"
 #include "reader/reader.h"
 
 // Constructed in this order: racks, vendor name, card handles, log path.
@@ -23,24 +35,31 @@ CONSTRUCTED_BEFORE_STARTUP(202) const std::string g_vendorName = "Quorvane Ltd."
 namespace {
 
 const char kRackDescription[] = "Smart Card Rack";
+const char kBanner[] = "QuorvaneTesselRack driver: 1.2.3\r\n";
+// FT_DEVICE_LIST_INFO_NODE::Flags: the device is open, here or in another
+// process.
+constexpr uint32_t kDeviceOpened = 1;
 
 // Discovery threads still running; the stop path waits for them.
 std::atomic<int> g_discoveriesRunning{0};
 
 void runDiscoveryThread()
 {
+    platform::raiseTimerResolution();
+    startLoadLog();
     discoveryThread(nullptr);
     g_discoveriesRunning.fetch_sub(1, std::memory_order_acq_rel);
 }
 
 }  // namespace
 
+// Under the loader lock: memory and CreateThread only. If no thread can be
+// made, the banner still opens the log at the first entry of the host.
 extern "C" void WINAPI KickOff(void)
 {
-    logWrite("QuorvaneTesselRack driver: 1.2.3\r\n");
+    setLoadBanner(kBanner);
     g_discoveriesRunning.fetch_add(1, std::memory_order_acq_rel);
     if (!platform::startDetachedThread(runDiscoveryThread)) g_discoveriesRunning.fetch_sub(1);
-    platform::pauseMs(1000);
 }
 
 extern "C" void WINAPI CloseConnections(void)
@@ -55,8 +74,78 @@ unsigned long discoveryThread(void*)
     return 0;
 }
 
+bool parseRackSelection(const std::string& text, std::vector<std::string>& serials)
+{
+    std::vector<std::string> found;
+    size_t start = 0;
+    for (;;) {
+        const size_t comma = text.find(',', start);
+        std::string item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        const size_t first = item.find_first_not_of(' ');
+        const size_t last = item.find_last_not_of(' ');
+        item = first == std::string::npos ? std::string() : item.substr(first, last - first + 1);
+        // FT_DEVICE_LIST_INFO_NODE holds at most 15 characters of a serial.
+        if (item.empty() || item.size() > 15) return false;
+        for (char c : item)
+            if (static_cast<unsigned char>(c) <= ' ' || static_cast<unsigned char>(c) >= 0x7F) return false;
+        found.push_back(item);
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    serials = found;
+    return true;
+}
+
+namespace {
+
+// TESSEL_RACKS, read once per search (a search runs once per load). Empty:
+// every rack. A refused value is traced and every rack is taken.
+std::vector<std::string> rackSelection()
+{
+    std::vector<std::string> serials;
+    std::string text;
+    if (!platform::environmentVariable("TESSEL_RACKS", text)) return serials;
+    if (!parseRackSelection(text, serials)) {
+        logWrite("TESSEL_RACKS: \"" + text +
+                 "\" is not a comma-separated list of serial numbers (such as TR0001,TR0003); every rack is taken\n");
+        serials.clear();
+    }
+    return serials;
+}
+
+bool selected(const std::vector<std::string>& selection, const char* serial)
+{
+    if (selection.empty()) return true;
+    for (const std::string& wanted : selection)
+        if (wanted == serial) return true;
+    return false;
+}
+
+// Why a rack's device did not open, in the words a user needs. D2XX lets
+// one process at a time open a device; the list marks a device open
+// anywhere, and a device that another process holds fails to open with
+// FT_DEVICE_NOT_OPENED.
+std::string openFailure(const FT_DEVICE_LIST_INFO_NODE& record, int32_t status)
+{
+    const std::string serial = record.SerialNumber;
+    // A host that calls KickOff again finds this process's own racks open.
+    for (size_t i = 0, n = g_racks.size(); i < n; ++i)
+        if (g_racks[i]->serialNumber() == serial) return "Rack " + serial + " is already open in this process.\n";
+    if (record.Flags & kDeviceOpened)
+        return "Rack " + serial + " is held by another process: its device is already open there. This process "
+               "leaves it out.\n";
+    if (status == FT_DEVICE_NOT_OPENED)
+        return "Rack " + serial + " could not be opened (FT_DEVICE_NOT_OPENED): another process holds it, or the "
+               "device is not free to open. This process leaves it out.\n";
+    return "Rack " + serial + " could not be opened (D2XX status " + decimalText(status) +
+           "). This process leaves it out.\n";
+}
+
+}  // namespace
+
 void discoverRacks()
 {
+    const std::vector<std::string> selection = rackSelection();
     uint32_t count = 0;
     if (FT_ListDevices(&count, nullptr, FT_LIST_NUMBER_ONLY) != FT_OK) {
         logWrite("Failed to list number of devices.");
@@ -89,12 +178,17 @@ void discoverRacks()
         record.SerialNumber[sizeof record.SerialNumber - 1] = '\0';
         if (std::strcmp(record.Description, kRackDescription) != 0) continue;
         logWrite(std::string("Found device with serial ") + record.SerialNumber + "\n");
+        if (!selected(selection, record.SerialNumber)) {
+            logWrite(std::string("Rack ") + record.SerialNumber + " left out: not in TESSEL_RACKS\n");
+            continue;
+        }
 
         Rack* rack = nullptr;
         try {
             rack = new Rack(record.SerialNumber);
-        } catch (int32_t) {
-            continue;  // the device did not open; the next record is still served
+        } catch (int32_t status) {
+            logWrite(openFailure(record, status));
+            continue;  // the next record is still served
         }
         if (!rack->connected()) {
             delete rack;
@@ -108,8 +202,10 @@ void discoverRacks()
     delete[] records;
 }
 
+// While a search runs, more racks may still come: not settled yet.
 bool allRacksEnumerated()
 {
+    if (g_discoveriesRunning.load(std::memory_order_acquire) != 0) return false;
     size_t count = g_racks.size();
     if (count == 0) return false;
     size_t done = 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "link/growing_list.h"
 #include "link/rack.h"
@@ -19,7 +20,15 @@ extern const std::string g_vendorName;
 // thread's generator), searches once, returns 0.
 unsigned long discoveryThread(void* ignored);
 void discoverRacks();
+// True once no search runs and every rack found has been enumerated
+// (false with no racks).
 bool allRacksEnumerated();
+
+// TESSEL_RACKS: serial numbers separated by commas, blanks around them
+// allowed, each 1 to 15 printable characters; for example "TR0001,TR0003".
+// A process takes only the racks named. False for anything else (an empty
+// item, a blank inside a serial).
+bool parseRackSelection(const std::string& text, std::vector<std::string>& serials);
 
 // Waits until no discovery thread runs (unload and the test seam).
 void waitForDiscoveryThreads();

@@ -343,6 +343,26 @@ if read_module "$dir/tools/rackscan.exe" scan; then
   check_system_imports_only scan rackscan.exe
 fi
 
+# --- winscard.dll: nothing that may load further modules at load time ------------
+# The entry function runs under the loader lock, where only kernel32-level
+# work is safe. The log's folder comes from the environment and winmm is
+# loaded at run time on the discovery thread, so the DLL imports neither the
+# shell (shell32), COM (ole32) nor winmm: a module that is imported runs its
+# own start-up inside the host's LoadLibrary.
+check_loader_safe_imports() {  # tag of winscard.dll's tables
+  local tag=$1 dll forbidden found=""
+  for forbidden in shell32.dll ole32.dll winmm.dll; do
+    while IFS=$'\t' read -r dll _; do
+      [ "${dll,,}" = "$forbidden" ] && { found="$found $dll"; break; }
+    done < <(imports "$work/$tag.p")
+  done
+  [ -z "$found" ] && pass "winscard.dll imports no shell32, ole32 or winmm" \
+    || fail "winscard.dll imports$found (not allowed: loaded under the host's loader lock)"
+}
+
+echo "--- winscard.dll: loader-lock safe imports"
+if [ -f "$work/ws.p" ]; then check_loader_safe_imports ws; else fail "winscard.dll's tables were not read"; fi
+
 if [ "$failures" -ne 0 ]; then
   echo "check-dll-tables: $failures check(s) failed"
   exit 1

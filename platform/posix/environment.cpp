@@ -13,3 +13,11 @@ bool environmentVariable(const char* name, std::string& value)
 }
 
 }  // namespace platform
+
+#include <unistd.h>
+
+namespace platform {
+
+uint32_t processId() { return static_cast<uint32_t>(getpid()); }
+
+}  // namespace platform

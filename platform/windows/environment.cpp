@@ -20,3 +20,9 @@ bool environmentVariable(const char* name, std::string& value)
 }
 
 }  // namespace platform
+
+namespace platform {
+
+uint32_t processId() { return static_cast<uint32_t>(GetCurrentProcessId()); }
+
+}  // namespace platform

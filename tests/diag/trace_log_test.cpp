@@ -191,7 +191,7 @@ TEST_F(TraceLog, SettingsShapeTheLogOfTheNextLoad)
         {"off", nullptr, nullptr},
         {"redact", "64k", "banner\r\nwide\nentry\n"},
         {"loud", nullptr,
-         "TESSEL_TRACE: \"loud\" is not full, redact or off; the trace stays full\nbanner\r\nwide\nentry\n"},
+         "TESSEL_TRACE: \"loud\" is not full, full+pins, redact or off; the trace stays full\nbanner\r\nwide\nentry\n"},
         {nullptr, "2K",
          "TESSEL_TRACE_LIMIT: \"2K\" is not a size of 4K or more (such as 65536, 64K, 512M, 2G) or 0; "
          "the limit stays 512M\nbanner\r\nwide\nentry\n"},
@@ -214,6 +214,8 @@ struct SecretRow {
     const char* trace;
     const char* command;  // how the VERIFY shows in the Transmit trace
     const char* answer;   // how the card's answer shows in the Answer trace
+    const char* txFrame;  // how the frame that carries the VERIFY begins in the Tx trace
+    bool pinShows;        // whether the PIN's bytes may show anywhere in the log
 };
 
 void PrintTo(const SecretRow& row, std::ostream* os) { *os << row.trace; }
@@ -227,17 +229,20 @@ protected:
     }
 };
 
-// A VERIFY with a PIN of "12345678", and an answer with data before its
-// status word. Redacted, no data byte of either reaches the log, not even
-// inside the frames on the wire; the heads and the status word do.
-TEST_P(TraceOfSecrets, RedactKeepsHeadsAndStatusWordsOnly)
+// A VERIFY with a PIN of "12345678", and a card whose answer carries data
+// before its status word, the PIN's bytes among them (a card that echoes).
+// Redacted, no data byte of either reaches the log, not even inside the
+// frames on the wire; full hides the PIN wherever it goes (the command, the
+// frame that carries it, the bytes read back, the answer) and keeps the
+// rest; full+pins shows everything.
+TEST_P(TraceOfSecrets, PinsAndDataShowOnlyAsTheModeAllows)
 {
     setenv("TESSEL_TRACE", GetParam().trace, 1);
     startRack("A1", 1);
     const unsigned char atr[] = {0x3B, 0x80, 0x01};
     rackSimInsertCard(device_, 1, atr, 3);
     ASSERT_TRUE(test_support::waitUntil([this] { return reader(1)->cardState() == 4; }));
-    const unsigned char answer[] = {0xA1, 0xB2, 0xC3, 0xD4, 0x90, 0x00};
+    const unsigned char answer[] = {0xA1, 0xB2, 0xC3, 0xD4, '1', '2', '3', '4', '5', '6', '7', '8', 0x90, 0x00};
     rackSimSetFixedAnswer(device_, 1, answer, sizeof answer);
 
     SCARDHANDLE handle = 0;
@@ -254,18 +259,73 @@ TEST_P(TraceOfSecrets, RedactKeepsHeadsAndStatusWordsOnly)
     EXPECT_NE(text.find(std::string("Tessel A1 R1 Transmit - ") + GetParam().command + "\n"), std::string::npos)
         << text;
     EXPECT_NE(text.find(std::string("Tessel A1 R1 Answer - ") + GetParam().answer + "\n"), std::string::npos) << text;
-    if (std::string(GetParam().trace) == "redact") {
-        for (const char* secret : {"31 32", "34 35", "37 38", "a1 b2", "c3 d4"})
+    EXPECT_NE(text.find(std::string("Tessel A1 R1 Tx - ") + GetParam().txFrame), std::string::npos) << text;
+    for (const char* piece : {"31 32", "33 34", "35 36", "37 38"})
+        EXPECT_EQ(text.find(piece) != std::string::npos, GetParam().pinShows) << piece << " in\n" << text;
+    if (std::string(GetParam().trace) == "redact")
+        for (const char* secret : {"a1 b2", "c3 d4"})
             EXPECT_EQ(text.find(secret), std::string::npos) << secret << " shows in\n" << text;
-        EXPECT_NE(text.find("Tessel A1 R1 Tx - 55 01 0d 40 <14 bytes> : "), std::string::npos) << text;
-    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, TraceOfSecrets,
-                         ::testing::Values(SecretRow{"full", "00 20 00 01 08 31 32 33 34 35 36 37 38 ",
-                                                     "a1 b2 c3 d4 90 00 "},
-                                           SecretRow{"redact", "00 20 00 01 08 <8 bytes> ", "<4 bytes> 90 00 "}),
-                         [](const auto& info) { return std::string(info.param.trace); });
+INSTANTIATE_TEST_SUITE_P(
+    Rows, TraceOfSecrets,
+    ::testing::Values(SecretRow{"full", "00 20 00 01 08 <8 bytes> ", "a1 b2 c3 d4 <8 bytes> 90 00 ",
+                                "55 01 0d 40 00 20 00 01 08 <8 bytes> ", false},
+                      SecretRow{"full+pins", "00 20 00 01 08 31 32 33 34 35 36 37 38 ",
+                                "a1 b2 c3 d4 31 32 33 34 35 36 37 38 90 00 ",
+                                "55 01 0d 40 00 20 00 01 08 31 32 33 34 35 36 37 38 ", true},
+                      SecretRow{"redact", "00 20 00 01 08 <8 bytes> ", "<12 bytes> 90 00 ", "55 01 0d 40 <14 bytes> : ",
+                                false}),
+    [](const auto& info) {
+        std::string name = info.param.trace;
+        std::replace(name.begin(), name.end(), '+', '_');
+        return name;
+    });
+
+// Every command that carries a PIN, and only those, is masked in full
+// mode; its bytes are hidden where they come back whole or cut by an edge.
+TEST_F(TraceLog, FullModeMasksThePinCommandsDataWhereverItComesBack)
+{
+    const struct {
+        std::vector<uint8_t> command;
+        const char* shown;
+    } commands[] = {
+        {{0x00, 0x20, 0x00, 0x81, 0x04, 0x11, 0x22, 0x33, 0x44}, "00 20 00 81 04 <4 bytes> "},
+        {{0x00, 0x21, 0x00, 0x81, 0x02, 0x11, 0x22}, "00 21 00 81 02 <2 bytes> "},
+        {{0x00, 0x24, 0x00, 0x81, 0x04, 0x11, 0x22, 0x55, 0x66}, "00 24 00 81 04 <4 bytes> "},
+        {{0x00, 0x2C, 0x00, 0x81, 0x02, 0x77, 0x88}, "00 2c 00 81 02 <2 bytes> "},
+        {{0x00, 0x20, 0x00, 0x81}, "00 20 00 81 "},  // no data field: nothing to hide
+        {{0x00, 0xA4, 0x04, 0x00, 0x02, 0x3F, 0x00}, "00 a4 04 00 02 3f 00 "},
+    };
+    for (const auto& row : commands) {
+        EXPECT_EQ(tracedBytesIn(TraceMode::full, TracedBytes::command, row.command.data(),
+                                static_cast<int32_t>(row.command.size())),
+                  row.shown);
+        EXPECT_EQ(tracedBytesIn(TraceMode::fullWithPins, TracedBytes::command, row.command.data(),
+                                static_cast<int32_t>(row.command.size())),
+                  hexDump(row.command.data(), static_cast<int32_t>(row.command.size())));
+    }
+    // Remembered: 11 22 33 44, 11 22, 11 22 55 66, 77 88.
+    const struct {
+        std::vector<uint8_t> bytes;
+        const char* shown;
+    } later[] = {
+        {{0x55, 0x01, 0x11, 0x22, 0x33, 0x44, 0x9A}, "55 01 <4 bytes> 9a "},
+        {{0x33, 0x44, 0x9A}, "<2 bytes> 9a "},        // the end of a PIN cut by the start
+        {{0x55, 0x01, 0x11}, "55 01 <1 byte> "},      // the start of a PIN cut by the end
+        {{0x90, 0x00}, "90 00 "},
+        {{0x77, 0x99, 0x88}, "77 99 88 "},            // not a PIN in a row
+    };
+    for (const auto& row : later)
+        EXPECT_EQ(tracedBytesIn(TraceMode::full, TracedBytes::frame, row.bytes.data(),
+                                static_cast<int32_t>(row.bytes.size())),
+                  row.shown);
+    // A new start of the log forgets them.
+    restartLog();
+    logWrite("banner\n");
+    const uint8_t again[] = {0x11, 0x22, 0x33, 0x44};
+    EXPECT_EQ(tracedBytesIn(TraceMode::full, TracedBytes::answer, again, 4), "11 22 33 44 ");
+}
 
 TEST_F(TraceLog, UnwritableLogLosesEntriesSilentlyAndRecoversWhenWritable)
 {

@@ -23,6 +23,10 @@
 #include <thread>
 #include <vector>
 
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
 namespace rackscan {
 namespace {
 
@@ -112,6 +116,55 @@ bool bringUp(const Options& options, Session& session)
     return true;
 }
 
+// This process's trace log: the library writes it beside the usual one,
+// with the process id in the name, when another process has the usual one.
+std::string thisProcessLog()
+{
+    const std::string usual = traceLogPath();
+#ifdef _WIN32
+    const std::string pid = std::to_string(GetCurrentProcessId());
+#else
+    const std::string pid = std::to_string(getpid());
+#endif
+    const std::string own = usual.substr(0, usual.rfind('.')) + "-" + pid + ".log";
+    return std::ifstream(own) ? own : usual;
+}
+
+// The serial numbers of the racks the library found held by another
+// process in this load, from its log.
+std::vector<std::string> racksHeldElsewhere()
+{
+    std::vector<std::string> serials;
+    std::ifstream log(thisProcessLog());
+    std::string line;
+    while (std::getline(log, line)) {
+        const size_t at = line.find("Rack ");
+        if (at == std::string::npos) continue;
+        if (line.find("held by another process") == std::string::npos &&
+            line.find("another process holds it") == std::string::npos)
+            continue;
+        const size_t start = at + 5;
+        serials.push_back(line.substr(start, line.find(' ', start) - start));
+    }
+    return serials;
+}
+
+// Says in plain words which racks another process holds, if any.
+void reportRacksHeldElsewhere(bool noneFound)
+{
+    const std::vector<std::string> held = racksHeldElsewhere();
+    if (held.empty()) return;
+    std::string list;
+    for (const std::string& serial : held) list += (list.empty() ? "" : ", ") + serial;
+    std::cerr << (noneFound ? "No rack could be used: " : "Not every rack could be used: ")
+              << (held.size() == 1 ? "rack " : "racks ") << list
+              << (held.size() == 1 ? " is" : " are")
+              << " held by another process on this machine. A rack can be open in one process at a time: end "
+                 "that process, or give each process its own racks with TESSEL_RACKS (see the README, \"Several "
+                 "processes on one machine\")."
+              << std::endl;
+}
+
 bool listReaderNames(const Session& session, std::vector<std::string>& names)
 {
     DWORD size = 0;
@@ -123,9 +176,11 @@ bool listReaderNames(const Session& session, std::vector<std::string>& names)
     }
     if (result != SCARD_S_SUCCESS) {
         failCall("SCardListReadersA", result);
-        if (result == SCARD_E_NO_READERS_AVAILABLE)
+        if (result == SCARD_E_NO_READERS_AVAILABLE) {
             std::cerr << "No rack was found: the library opens each FTDI device described as \"Smart Card Rack\" "
                          "when it is loaded, and lists its populated slots." << std::endl;
+            reportRacksHeldElsewhere(true);
+        }
         return false;
     }
     names.clear();
@@ -212,6 +267,7 @@ int listCommand(const Session& session)
     }
     std::cout << names.size() << (names.size() == 1 ? " reader" : " readers") << ": " << withCard << " with a card, "
               << mute << " mute, " << names.size() - withCard - mute << " empty" << std::endl;
+    reportRacksHeldElsewhere(false);
     return 0;
 }
 
