@@ -411,9 +411,9 @@ TEST_F(MasterFaults, SilentMastersLeaveTheirRacksUnfinishedAndNoContextValid)
     EXPECT_FALSE(g_racks[0]->enumerated());
     EXPECT_EQ(wireLog(atEnumeration), (std::vector<Bytes>{kResetFrame, kEnumerateFrame}));
     DWORD size = 0;
-    ASSERT_EQ(SCardListReadersA(1, nullptr, nullptr, &size), SCARD_S_SUCCESS);
+    ASSERT_EQ(SCardListReadersA(context, nullptr, nullptr, &size), SCARD_S_SUCCESS);
     std::string names(size, '\0');
-    EXPECT_EQ(SCardListReadersA(1, nullptr, &names[0], &size), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardListReadersA(context, nullptr, &names[0], &size), SCARD_S_SUCCESS);
     EXPECT_EQ(names, std::string("Tessel M2 R1\0Tessel M2 R2\0Tessel G1 R1\0Tessel G1 R2\0\0", 53));
 
     // Silent at collection: its readers were collected with their cards and
