@@ -36,9 +36,20 @@ void Reader::writeMailbox(bool toOutgoing, const uint8_t* data, uint32_t count)
         outgoing.write(work, size);
         return;
     }
+    // The mailbox is one frame deep. A frame that told of a lost card and
+    // that the status thread has not taken yet is about to be replaced (a
+    // card taken out and put back within one pass of the status thread):
+    // it is counted, so that the removal still counts as a card event.
+    if (lastTellsOfLostCard_.load(std::memory_order_relaxed) && incoming.unread.load() != 0)
+        replacedRemovals_.fetch_add(1, std::memory_order_acq_rel);
+    const bool lostCard = count > 3 && data[3] != RackFrame::extendedMarker &&
+                          (frameStatus(data) == kStatusNoCardByte || frameStatus(data) == kStatusMuteByte);
+    lastTellsOfLostCard_.store(lostCard, std::memory_order_relaxed);
     incoming.write(data, count, framesSent.load(std::memory_order_acquire));
     activity.notify();
 }
+
+uint32_t Reader::takeReplacedRemovals() { return replacedRemovals_.exchange(0, std::memory_order_acq_rel); }
 
 uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination, uint32_t* tag, Mailbox::Taker taker,
                              uint32_t* number)
