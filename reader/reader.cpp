@@ -111,7 +111,12 @@ void Reader::changeCard(const Atr& value, uint32_t state, uint32_t frameNumber)
     cardState_.store(state, std::memory_order_release);
     // Only the status thread writes the card, so a load and a store suffice.
     if (changed) eventCount_.store(eventCount_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-    if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    // A frame that changed the card is no answer for a waiting exchange; one
+    // that only repeats what is known (the answer to a protocol selection
+    // during a bring-up that never ends) may be.
+    if (changed) {
+        if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    }
     cardEvents().notify();
     // An exchange waiting on this slot learns at once that its card went.
     if (changed) activity.notify();
