@@ -1,10 +1,9 @@
 // Attributes and the small calls: SCardGetAttrib serves the attribute set
 // that readers of the platform's PC/SC stack serve (the table below),
 // SCardSetAttrib sets none of them, SCardControl answers the feature
-// request of the reader with an empty list; the transaction calls and
-// SCardCancel exist so that hosts keep working and change nothing;
-// SCardCancel ends the status-change waits of its context. Also the three
-// exported protocol control records.
+// request of the reader with an empty list; SCardCancel ends the
+// status-change waits of its context (the transaction calls are in
+// transactions.cpp). Also the three exported protocol control records.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -14,6 +13,7 @@
 #include "diag/trace_log.h"
 #include "link/rack.h"
 #include "pcsc/call_trace.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
@@ -265,26 +265,14 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardControl(SCARDHANDLE hCard, DWORD dwCon
     return SCARD_E_UNSUPPORTED_FEATURE;
 }
 
-// There is no transaction lock: nothing keeps two hosts or two threads
-// apart on one reader.
-extern "C" TESSEL_EXPORT LONG WINAPI SCardBeginTransaction(SCARDHANDLE hCard)
-{
-    logWrite("SCardBeginTransaction\n");
-    return SCARD_S_SUCCESS;
-}
-
-extern "C" TESSEL_EXPORT LONG WINAPI SCardEndTransaction(SCARDHANDLE hCard, DWORD dwDisposition)
-{
-    logWrite("SCardEndTransaction\n");
-    return SCARD_S_SUCCESS;
-}
-
 // Ends every status-change wait in progress that was called with this
 // context; each returns SCARD_E_CANCELLED. With nothing waiting it changes
-// nothing, and it succeeds either way.
+// nothing, and it succeeds either way; a context that is not live is
+// refused.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardCancel(SCARDCONTEXT hContext)
 {
     logWrite("SCardCancel\n");
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
     cancelWaitsOf(hContext);
     return SCARD_S_SUCCESS;
 }

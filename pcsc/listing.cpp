@@ -11,6 +11,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
 #include "pcsc/reader_groups.h"
 #include "pcsc/registry.h"
@@ -150,12 +151,14 @@ LONG listReaders(const Char* mszGroups, Char* mszReaders, LPDWORD pcchReaders)
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
     return listReaders<char>(mszGroups, mszReaders, pcchReaders);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersW(SCARDCONTEXT hContext, LPCWSTR mszGroups, LPWSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
     return listReaders<WCHAR>(mszGroups, mszReaders, pcchReaders);
 }
 

@@ -26,6 +26,7 @@
 #include "platform/environment.h"
 #include "platform/thread.h"
 #include "platform/timer_resolution.h"
+#include "pcsc/lookups.h"
 #include "reader/reader.h"
 
 // Constructed in this order: racks, vendor name, card handles, log path.

@@ -9,9 +9,6 @@
 #include "platform/clock.h"
 #include "platform/global_order.h"
 
-CONSTRUCTED_BEFORE_STARTUP(203) std::vector<uint32_t> g_cardHandles;
-CONSTRUCTED_BEFORE_STARTUP(203) platform::ExclusiveLock g_cardHandlesLock;
-
 platform::Signal& cardEvents()
 {
     // Never destroyed, so that a host thread still waiting while the
@@ -20,14 +17,8 @@ platform::Signal& cardEvents()
     return *signal;
 }
 
-void forgetCardHandles()
-{
-    platform::LockGuard guard(g_cardHandlesLock);
-    g_cardHandles.clear();
-}
-
 Reader::Reader(uint32_t address, std::string serial)
-    : address(address), handle(newHandle()), name("Tessel " + serial + " R" + decimalText(address))
+    : address(address), name("Tessel " + serial + " R" + decimalText(address))
 {
 }
 
@@ -45,9 +36,20 @@ void Reader::writeMailbox(bool toOutgoing, const uint8_t* data, uint32_t count)
         outgoing.write(work, size);
         return;
     }
+    // The mailbox is one frame deep. A frame that told of a lost card and
+    // that the status thread has not taken yet is about to be replaced (a
+    // card taken out and put back within one pass of the status thread):
+    // it is counted, so that the removal still counts as a card event.
+    if (lastTellsOfLostCard_.load(std::memory_order_relaxed) && incoming.unread.load() != 0)
+        replacedRemovals_.fetch_add(1, std::memory_order_acq_rel);
+    const bool lostCard = count > 3 && data[3] != RackFrame::extendedMarker &&
+                          (frameStatus(data) == kStatusNoCardByte || frameStatus(data) == kStatusMuteByte);
+    lastTellsOfLostCard_.store(lostCard, std::memory_order_relaxed);
     incoming.write(data, count, framesSent.load(std::memory_order_acquire));
     activity.notify();
 }
+
+uint32_t Reader::takeReplacedRemovals() { return replacedRemovals_.exchange(0, std::memory_order_acq_rel); }
 
 uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination, uint32_t* tag, Mailbox::Taker taker,
                              uint32_t* number)
@@ -65,27 +67,6 @@ uint32_t Reader::wideName(std::wstring& out) const
 {
     out.assign(name.begin(), name.end());
     return 0;
-}
-
-uint32_t Reader::newHandle()
-{
-    // The uniqueness test and the append stay together under the lock, so
-    // two racks enumerating at once never draw the same handle. rand()
-    // yields at most 32,768 values against at most 240 slots a rack.
-    platform::LockGuard guard(g_cardHandlesLock);
-    for (;;) {
-        uint32_t candidate = ~static_cast<uint32_t>(std::rand() % 0x7FFFFFFF);
-        bool taken = false;
-        for (uint32_t existing : g_cardHandles)
-            if (existing == candidate) {
-                taken = true;
-                break;
-            }
-        if (!taken) {
-            g_cardHandles.push_back(candidate);
-            return candidate;
-        }
-    }
 }
 
 FT_STATUS Reader::send(FT_HANDLE device)
@@ -114,20 +95,31 @@ FT_STATUS Reader::send(FT_HANDLE device)
 
 // Only the frames up to the one that told of the change are forgotten: an
 // answer that landed behind it is still the waiting exchange's.
-void Reader::cardInserted(Atr value, uint32_t frameNumber)
-{
-    atr_.store(value);
-    cardState_.store(kStateCard, std::memory_order_release);
-    if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
-    cardEvents().notify();
-}
+void Reader::cardInserted(Atr value, uint32_t frameNumber) { changeCard(value, kStateCard, frameNumber); }
 
 void Reader::cardRemoved(bool mute, uint32_t frameNumber)
 {
-    atr_.store(Atr());
-    cardState_.store(mute ? kStateMuteCard : kStateNoCard, std::memory_order_release);
-    if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    changeCard(Atr(), mute ? kStateMuteCard : kStateNoCard, frameNumber);
+}
+
+void Reader::changeCard(const Atr& value, uint32_t state, uint32_t frameNumber)
+{
+    const Atr before = atr_.load();
+    const bool changed = cardState_.load(std::memory_order_acquire) != state || before.length != value.length ||
+                         std::memcmp(before.bytes, value.bytes, value.length) != 0;
+    atr_.store(value);
+    cardState_.store(state, std::memory_order_release);
+    // Only the status thread writes the card, so a load and a store suffice.
+    if (changed) eventCount_.store(eventCount_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    // A frame that changed the card is no answer for a waiting exchange; one
+    // that only repeats what is known (the answer to a protocol selection
+    // during a bring-up that never ends) may be.
+    if (changed) {
+        if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    }
     cardEvents().notify();
+    // An exchange waiting on this slot learns at once that its card went.
+    if (changed) activity.notify();
 }
 
 void Reader::takeTurn()
