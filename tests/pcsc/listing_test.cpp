@@ -147,7 +147,7 @@ TEST_F(ListingTest, ReaderGroupsInEveryBufferFormAndGroupsIgnoredInTheListing)
         }
     }
     DWORD size = 0;
-    EXPECT_EQ(SCardListReadersA(0, "No such group\0", nullptr, &size), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardListReadersA(testContext(), "No such group\0", nullptr, &size), SCARD_S_SUCCESS);
     EXPECT_EQ(size, 14u);
 }
 
