@@ -140,7 +140,9 @@ TEST_F(LogFileSafety, APlantedPathIsLeftAloneAndTheLogGoesBesideIt)
         ASSERT_EQ(lstat(path_.c_str(), &after), 0);
         EXPECT_EQ(after.st_ino, before.st_ino);
         EXPECT_EQ(after.st_mode, before.st_mode);
-        if (S_ISREG(after.st_mode) && after.st_nlink == 1) EXPECT_EQ(readFile(path_), kVictimText);
+        if (S_ISREG(after.st_mode) && after.st_nlink == 1) {
+            EXPECT_EQ(readFile(path_), kVictimText);
+        }
         EXPECT_EQ(g_logPath, own_);
         EXPECT_EQ(logTexts(readFile(own_)), "banner\nentry\n");
         EXPECT_EQ(modeOf(own_), 0600u);

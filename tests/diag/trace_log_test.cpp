@@ -264,9 +264,10 @@ TEST_P(TraceOfSecrets, PinsAndDataShowOnlyAsTheModeAllows)
     EXPECT_NE(text.find(std::string("Tessel A1 R1 Tx - ") + GetParam().txFrame), std::string::npos) << text;
     for (const char* piece : {"31 32", "33 34", "35 36", "37 38"})
         EXPECT_EQ(text.find(piece) != std::string::npos, GetParam().pinShows) << piece << " in\n" << text;
-    if (std::string(GetParam().trace) == "redact")
+    if (std::string(GetParam().trace) == "redact") {
         for (const char* secret : {"a1 b2", "c3 d4"})
             EXPECT_EQ(text.find(secret), std::string::npos) << secret << " shows in\n" << text;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
