@@ -202,8 +202,24 @@ fn main() {
 
     // Attributes: each with its true length, asked for its size first.
     check_attribute(&mut checks, &card, "SCARD_ATTR_ATR_STRING", Attribute::AtrString, &atr);
-    let friendly_name = [reader.as_bytes(), &[0]].concat();
-    check_attribute(&mut checks, &card, "SCARD_ATTR_DEVICE_FRIENDLY_NAME", Attribute::DeviceFriendlyName, &friendly_name);
+    // (Not the names: this crate numbers the system class's attributes,
+    // the friendly and system names, from class 0 instead of 0x7FFF.)
+    // The channel: a USB device; its number is the library's to choose.
+    match attribute(&card, Attribute::ChannelId) {
+        Ok(value) => checks.truth(
+            "SCARD_ATTR_CHANNEL_ID",
+            value.len() == 4 && value[2..] == [0x20, 0x00],
+            hex(&value),
+        ),
+        Err(error) => checks.truth("SCARD_ATTR_CHANNEL_ID", false, error),
+    };
+    // The protocol as a 4-byte number, the one that SCardStatus reports.
+    let protocol = match card.status2_owned().map(|status| status.protocol2()) {
+        Ok(Some(pcsc::Protocol::T1)) => 2u8,
+        Ok(Some(pcsc::Protocol::T0)) => 1u8,
+        _ => 0u8,
+    };
+    check_attribute(&mut checks, &card, "SCARD_ATTR_CURRENT_PROTOCOL_TYPE", Attribute::CurrentProtocolType, &[protocol, 0, 0, 0]);
     match attribute(&card, Attribute::VendorIfdSerialNo) {
         Ok(value) => {
             let text = String::from_utf8_lossy(&value).into_owned();
@@ -221,7 +237,7 @@ fn main() {
     let unknown = card.control(ctl_code(UNKNOWN_CONTROL.into()), &[], &mut answer).map(|a| a.len());
     checks.check("SCardControl with an unknown code", unknown, Err(Error::UnsupportedFeature));
 
-    check_echo(&mut checks, &card, "");
+    check_echo(&mut checks, &card, "before the reconnect");
     let reconnected = guarded(|| card.reconnect(ShareMode::Shared, Protocols::ANY, Disposition::ResetCard));
     checks.check("SCardReconnect with a reset", reconnected, Ok(()));
     check_echo(&mut checks, &card, "after the reconnect");
