@@ -24,6 +24,7 @@ protected:
         startRack({atrOnlyT1()});
         handle_ = connectTo("Tessel A1 R1", SCARD_PROTOCOL_T1);
         rack_ = rackOf("Tessel A1 R1");
+        settle();
         rackSimClearWireLog(device_);
         clearLog();
     }
