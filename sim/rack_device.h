@@ -73,6 +73,9 @@ public:
 
     // Control side.
     bool openFails = false;
+    // FT_SetLatencyTimer fails with FT_OTHER_ERROR, as a driver that does not
+    // support the call does.
+    bool refusesLatencyTimer = false;
     Slot& slot(int address) { return slots_[address - 1]; }
     void cardChanged(int address, Nanos now);  // sends the unsolicited status
     void setDeviceFault(int fault, bool on);
