@@ -95,13 +95,14 @@ else
 fi
 
 # Java's javax.smartcardio from Debian's OpenJDK, given the library by its
-# path. The card event comes after the program's short wait on the empty
-# slot R3, the swap in R1 after that.
+# path. The card event in the empty slot R3 comes more than a minute after
+# the program starts its endless wait for it, the swap in R1 after that.
+# This is the longest client; the others run while it waits.
 java_dir="$build/clients/java"
 java_source=scripts/clients/java/SmartcardioCheck.java
 mkdir -p "$java_dir"
 if [ "$java_dir/SmartcardioCheck.class" -nt "$java_source" ] || $java_home/bin/javac -d "$java_dir" "$java_source"; then
-  TESSEL_SIM="racks=1,slots=3,cards=2,echo=1,atr=$atr,event=12000,swap=16000@1" in_background java \
+  TESSEL_SIM="racks=1,slots=3,cards=2,echo=1,atr=$atr,event=75000,swap=79000@1" in_background java \
     timeout 120 $java_home/bin/java -Dsun.security.smartcardio.library="$build/pcsc/libpcsclite.so.1" \
     -cp "$java_dir" SmartcardioCheck "$one_rack" "$atr" "Tessel TR0001 R3" "Tessel TR0001 R1" "$swap_atr"
 else

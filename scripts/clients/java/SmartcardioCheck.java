@@ -7,8 +7,8 @@
  * -Dsun.security.smartcardio.library and what it told the emulator:
  *   java SmartcardioCheck.java NAMES ATR EVENT-READER SWAP-READER SWAPPED-ATR
  * (NAMES comma-separated, ATRs as hex bytes split by blanks). EVENT-READER
- * is empty at the start and gets a card a few seconds later; the card in
- * SWAP-READER is swapped after that. Prints every check; exits 1 if any
+ * is empty at the start and gets a card more than a minute later; the card
+ * in SWAP-READER is swapped after that. Prints every check; exits 1 if any
  * failed.
  */
 import java.util.ArrayList;
@@ -79,7 +79,9 @@ public class SmartcardioCheck {
         // An empty slot: the time-out ends the wait with false.
         check("isCardPresent of an empty slot", eventTerminal.isCardPresent(), false);
         check("waitForCardPresent(500) of an empty slot", eventTerminal.waitForCardPresent(500), false);
-        // 0 waits for as long as it takes: until the emulator puts a card in.
+        // 0 waits for as long as it takes: until the emulator puts a card in,
+        // more than a minute later, so that a wait cut short at a minute
+        // (a time-out that the JDK reads as "no card") shows.
         final long start = System.nanoTime();
         check("waitForCardPresent(0) until a card comes", eventTerminal.waitForCardPresent(0), true);
         System.out.println("java: the card came after " + (System.nanoTime() - start) / 1_000_000 + " ms");
