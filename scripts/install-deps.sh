@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs every Debian package that the build, the tests and the Windows
-# stage need. Safe to run again: packages already present are left alone,
+# Installs every Debian package that the build, the tests, the client
+# checks (Debian's cargo with the packaged pcsc crate, Debian's OpenJDK)
+# and the Windows stage need. Safe to run again: packages already present are left alone,
 # and apt is only asked when something is missing.
 set -euo pipefail
 
@@ -16,6 +17,7 @@ native_packages=(
   zip unzip
   libpcsclite-dev pcsc-tools opensc python3-pyscard
   vsmartcard-vpicc python3-pycryptodome
+  cargo rustc librust-pcsc-dev default-jdk-headless
 )
 
 missing=()

@@ -1,18 +1,27 @@
 #!/usr/bin/env bash
 # Debian's PC/SC clients against libpcsclite.so.1 and the emulated rack,
-# with no pcscd: pcsc_scan, opensc-tool and a pyscard script each find the
-# library through LD_LIBRARY_PATH, and the rack emulator (libftd2xx.so)
-# beside it builds the racks described in TESSEL_SIM. Every check compares
-# what a client printed with what the emulator was told: the reader names,
-# the ATR and the answer bytes.
+# with no pcscd: pcsc_scan, opensc-tool, pyscard (a script and its
+# CardMonitor), a program on Rust's pcsc crate and one on Java's
+# javax.smartcardio each find the library through LD_LIBRARY_PATH (Java
+# through sun.security.smartcardio.library), and the rack emulator
+# (libftd2xx.so) beside it builds the racks described in TESSEL_SIM. Every
+# check compares what a client printed with what the emulator was told: the
+# reader names, the ATRs, the answer bytes and the card events.
 #   bash scripts/test-clients.sh [build-dir]     (default build/native)
+# The Rust and Java programs are built into build-dir/clients, once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(cd "${1:-build/native}" && pwd)
 
-for tool in pcsc_scan opensc-tool; do
+# Debian's own cargo, rustc and JDK, never another toolchain on the PATH.
+cargo=/usr/bin/cargo
+rustc=/usr/bin/rustc
+java_home=/usr/lib/jvm/default-java
+crates=/usr/share/cargo/registry
+for tool in pcsc_scan opensc-tool /usr/bin/python3 $cargo $rustc $java_home/bin/java $java_home/bin/javac; do
   command -v "$tool" >/dev/null || { echo "test-clients: $tool is missing (scripts/install-deps.sh)"; exit 1; }
 done
+ls -d "$crates"/pcsc-2.* >/dev/null 2>&1 || { echo "test-clients: no pcsc crate in $crates (scripts/install-deps.sh)"; exit 1; }
 [ -f "$build/pcsc/libpcsclite.so.1" ] || { echo "test-clients: no $build/pcsc/libpcsclite.so.1"; exit 1; }
 
 # The exports: every name that Debian's libpcsclite.so.1 gives its clients.
@@ -38,6 +47,71 @@ for rack in 1 2; do for slot in $(seq 1 $slots); do names+=("Tessel TR000$rack R
 failures=0
 fail() { echo "test-clients: FAIL: $*"; failures=$((failures + 1)); }
 pass() { echo "test-clients: ok: $*"; }
+
+# --- The clients that watch card events run in the background while the
+# others run, each with racks of its own; their results are read at the
+# end. The library takes some seconds to bring a rack up, so the emulator's
+# events come well after that: a card put into an empty slot (`event`),
+# and a swap (`swap`): the card goes out of a slot of TR0001 and, a second
+# later, a card with this ATR goes in (see TESSEL_SIM in README).
+swap_atr="3B 8A 80 01 54 65 73 73 65 6C 53 77 61 70 06"
+one_rack="Tessel TR0001 R1,Tessel TR0001 R2,Tessel TR0001 R3"
+results="$build/clients/results"
+rm -rf "$results"
+mkdir -p "$results"
+background=()
+background_names=()
+in_background() {  # name, command...: output to $results/name.out, status to name.status
+  local name=$1; shift
+  ( set +e; "$@" >"$results/$name.out" 2>&1; echo $? >"$results/$name.status" ) &
+  background+=($!)
+  background_names+=("$name")
+}
+trap 'for pid in "${background[@]}"; do kill "$pid" 2>/dev/null || true; done' EXIT
+
+# Rust's pcsc crate, from Debian's packaged crates: built offline with a
+# cargo home of its own in the build folder, so that nothing outside it is
+# read or written but the crates. Copies that keep their times make cargo
+# rebuild only after an edit.
+rust_dir="$build/clients/rust-pcsc"
+mkdir -p "$rust_dir/cargo-home"
+cat >"$rust_dir/cargo-home/config.toml" <<EOF
+[source.crates-io]
+replace-with = "debian"
+[source.debian]
+directory = "$crates"
+[net]
+offline = true
+EOF
+cp -p scripts/clients/rust-pcsc/Cargo.toml "$rust_dir/"
+cp -pR scripts/clients/rust-pcsc/src "$rust_dir/"
+if (cd "$rust_dir" && CARGO_HOME="$rust_dir/cargo-home" RUSTC=$rustc RUSTDOC=/usr/bin/rustdoc \
+      $cargo build --offline --quiet --target-dir "$rust_dir/target"); then
+  TESSEL_SIM="racks=1,slots=3,cards=2,echo=1,atr=$atr,swap=12000@2" in_background rust-pcsc \
+    timeout 120 "$rust_dir/target/debug/tessel-rust-pcsc-check" \
+    "$one_rack" "$atr" "Tessel TR0001 R2" "$swap_atr" TR0001
+else
+  fail "rust-pcsc: the program does not build"
+fi
+
+# Java's javax.smartcardio from Debian's OpenJDK, given the library by its
+# path. The card event in the empty slot R3 comes more than a minute after
+# the program starts its endless wait for it, the swap in R1 after that.
+# This is the longest client; the others run while it waits.
+java_dir="$build/clients/java"
+java_source=scripts/clients/java/SmartcardioCheck.java
+mkdir -p "$java_dir"
+if [ "$java_dir/SmartcardioCheck.class" -nt "$java_source" ] || $java_home/bin/javac -d "$java_dir" "$java_source"; then
+  TESSEL_SIM="racks=1,slots=3,cards=2,echo=1,atr=$atr,event=75000,swap=79000@1" in_background java \
+    timeout 120 $java_home/bin/java -Dsun.security.smartcardio.library="$build/pcsc/libpcsclite.so.1" \
+    -cp "$java_dir" SmartcardioCheck "$one_rack" "$atr" "Tessel TR0001 R3" "Tessel TR0001 R1" "$swap_atr"
+else
+  fail "java: the program does not build"
+fi
+
+# pyscard's CardMonitor: the card there at the start, then the swap.
+TESSEL_SIM="racks=1,slots=2,cards=1,atr=$atr,swap=12000@1" in_background pyscard-monitor \
+  timeout 120 /usr/bin/python3 scripts/clients/pyscard_monitor.py "Tessel TR0001 R1" "$atr" "$swap_atr"
 
 # --- pcsc_scan: ends through its own time-out; `timeout` is a safety net.
 scan=$(timeout 120 pcsc_scan -n -t 2 2>&1 | tr -d '\r' || true)
@@ -92,6 +166,12 @@ else
   fail "pyscard"
 fi
 
+# --- The background clients' results.
+wait "${background[@]}" || true
+for name in "${background_names[@]}"; do
+  cat "$results/$name.out"
+  if [ "$(cat "$results/$name.status" 2>/dev/null)" = 0 ]; then pass "$name"; else fail "$name"; fi
+done
 bash scripts/test-vcard.sh "$build" && pass "vicc in an emulated slot (scripts/test-vcard.sh)" || fail "vicc in an emulated slot (scripts/test-vcard.sh)"
 
 if [ $failures -gt 0 ]; then echo "test-clients: $failures check(s) failed"; exit 1; fi

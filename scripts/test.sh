@@ -18,7 +18,7 @@ cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/native -j "$jobs"
 ctest --test-dir build/native -j "$jobs" --output-on-failure
 
-stage "PC/SC clients against libpcsclite.so.1 (pcsc_scan, opensc-tool, pyscard)"
+stage "PC/SC clients against libpcsclite.so.1 (pcsc_scan, opensc-tool, pyscard, Rust pcsc, Java smartcardio)"
 bash scripts/test-clients.sh build/native
 
 stage "lock discipline (clang thread-safety analysis, build only)"

@@ -26,10 +26,17 @@ struct RackSetup {
     bool echo = false;             // cards answer with the command itself
     int cardEventAfterMs = 0;      // 0: none; else a card change that long after set-up
     std::vector<VirtualCardSlots> virtualCards;  // slots of TR0001 given over to virtual cards
+    int cardSwapAfterMs = 0;       // 0: none; else a card swap that long after set-up
+    int cardSwapSlot = 1;          // the slot of TR0001 whose card is swapped
 };
 
-// The longest wait for the card change, 10 minutes.
+// The longest wait for the card change or the swap, 10 minutes.
 constexpr int kLongestCardEventMs = 600000;
+
+// How long the slot of a card swap stays empty between the card that goes
+// out and the one that goes in: long enough for a client that polls to
+// see the empty slot, short enough for a test to wait for.
+constexpr int kCardSwapGapMs = 1000;
 
 // The serial number of rack `rack` (from 0): "TR0001", ...
 std::string rackSerial(int rack);
@@ -38,10 +45,15 @@ std::string rackSerial(int rack);
 // bytes "TesselRack", with its check byte.
 std::vector<uint8_t> defaultCardAtr();
 
+// The ATR of the card that a swap puts in: never the ATR of the card it
+// replaces, `atr` (empty: the default ATR).
+std::vector<uint8_t> swappedCardAtr(const std::vector<uint8_t>& atr);
+
 // Parses "racks=2,slots=8,cards=3,mute=1,echo=1,atr=3B0214" (every key is
 // optional, the others keep their defaults; the ATR's bytes may be split by
 // blanks or colons). Cards and mute cards that a rack cannot hold are an
-// error, as is any unknown key or bad number. On failure returns false and
+// error, as is any unknown key or bad number. "swap=MS" or "swap=MS@SLOT"
+// asks for a card swap (slot 1 when none is given). On failure returns false and
 // says why in `error`.
 bool parseRackSetupText(const std::string& text, RackSetup& setup, std::string& error);
 
@@ -56,5 +68,12 @@ int cardEventSlot(const RackSetup& setup);
 // Makes that change `setup.cardEventAfterMs` from now, on a thread of its
 // own, for hosts that watch for card events and cannot make one.
 void startCardEvent(const RackSetup& setup);
+
+// Swaps the card in slot `setup.cardSwapSlot` of TR0001
+// `setup.cardSwapAfterMs` from now, on a thread of its own: whatever the
+// slot holds is taken out, and kCardSwapGapMs later a card with
+// swappedCardAtr() goes in. For clients that must see one card replaced by
+// another.
+void startCardSwap(const RackSetup& setup);
 
 }  // namespace racksim

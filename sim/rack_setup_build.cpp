@@ -48,4 +48,26 @@ void startCardEvent(const RackSetup& setup)
     }).detach();
 }
 
+std::vector<uint8_t> swappedCardAtr(const std::vector<uint8_t>& atr)
+{
+    // The default ATR with the historical bytes "TesselSwap" and its check
+    // byte; a rack whose cards already carry it gets the default ATR back.
+    const std::vector<uint8_t> swapped{0x3B, 0x8A, 0x80, 0x01, 0x54, 0x65, 0x73, 0x73,
+                                       0x65, 0x6C, 0x53, 0x77, 0x61, 0x70, 0x06};
+    const std::vector<uint8_t>& current = atr.empty() ? defaultCardAtr() : atr;
+    return current == swapped ? defaultCardAtr() : swapped;
+}
+
+// Detached, as the card change is.
+void startCardSwap(const RackSetup& setup)
+{
+    if (setup.cardSwapAfterMs <= 0) return;
+    std::thread([atr = swappedCardAtr(setup.atr), slot = setup.cardSwapSlot, delay = setup.cardSwapAfterMs] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        rackSimRemoveCard(0, slot);
+        std::this_thread::sleep_for(std::chrono::milliseconds(kCardSwapGapMs));
+        rackSimInsertCard(0, slot, atr.data(), static_cast<int>(atr.size()));
+    }).detach();
+}
+
 }  // namespace racksim

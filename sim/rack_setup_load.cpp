@@ -27,7 +27,7 @@ namespace {
 // Runs when the emulator's module is loaded, before the PC/SC library (which
 // imports it) starts its search. Building the racks makes no thread and
 // loads nothing, so it is safe under the loader's lock; the thread of a
-// timed card change only starts running once the load is over. The
+// timed card change or swap only starts running once the load is over. The
 // variable is read from the environment the process started with.
 struct SetUpFromEnvironment {
     SetUpFromEnvironment()
@@ -36,8 +36,10 @@ struct SetUpFromEnvironment {
         if (text == nullptr) return;
         racksim::RackSetup setup;
         std::string ignored;
-        if (rackSimSetUp(text) > 0 && racksim::parseRackSetupText(text, setup, ignored))
+        if (rackSimSetUp(text) > 0 && racksim::parseRackSetupText(text, setup, ignored)) {
             racksim::startCardEvent(setup);
+            racksim::startCardSwap(setup);
+        }
     }
 } g_setUpFromEnvironment;
 

@@ -53,6 +53,15 @@ bool parseAtr(const std::string& text, std::vector<uint8_t>& atr, std::string& e
     return true;
 }
 
+// "MS" or "MS@SLOT": when the card swap comes, and in which slot.
+bool parseSwap(const std::string& value, RackSetup& setup, std::string& error)
+{
+    const size_t at = value.find('@');
+    if (!parseCount("swap", value.substr(0, at), 0, kLongestCardEventMs, setup.cardSwapAfterMs, error)) return false;
+    setup.cardSwapSlot = 1;
+    return at == std::string::npos || parseCount("swap slot", value.substr(at + 1), 1, kMostSlots, setup.cardSwapSlot, error);
+}
+
 bool applySetting(const std::string& key, const std::string& value, RackSetup& setup, std::string& error)
 {
     if (key == "racks") return parseCount(key, value, 1, kMostRacks, setup.racks, error);
@@ -67,11 +76,11 @@ bool applySetting(const std::string& key, const std::string& value, RackSetup& s
         return true;
     }
     if (key == "event") return parseCount(key, value, 0, kLongestCardEventMs, setup.cardEventAfterMs, error);
+    if (key == "swap") return parseSwap(value, setup, error);
     if (key == "vcard") {
         setup.virtualCards.emplace_back();
         return parseVirtualCardText(value, setup.virtualCards.back(), error);
     }
-    error = "unknown setting \"" + key + "\" (racks, slots, cards, mute, atr, echo, event, vcard)";
     return false;
 }
 
@@ -113,6 +122,11 @@ bool parseRackSetupText(const std::string& text, RackSetup& setup, std::string& 
         return false;
     }
     if (!checkVirtualCardSlots(parsed.virtualCards, parsed.slotsPerRack, error)) return false;
+    if (parsed.cardSwapSlot > parsed.slotsPerRack) {
+        error = "swap slot " + std::to_string(parsed.cardSwapSlot) + " is not one of the " +
+                std::to_string(parsed.slotsPerRack) + " slots of a rack";
+        return false;
+    }
     setup = parsed;
     return true;
 }

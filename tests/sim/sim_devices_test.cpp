@@ -4,6 +4,8 @@
 #include <array>
 #include <cstring>
 
+#include "sim/rack_setup.h"
+
 using namespace simtest;
 
 namespace {
@@ -143,13 +145,23 @@ TEST_F(SimDevices, RacksDescribedByText)
         int slots = 0, cards = 0, mute = 0;
         bool echo = false;
         Bytes atr = {};
+        int swapAfterMs = 0, swapSlot = 1;  // the card swap the text asks for
     };
+    const Bytes swapAtr{0x3B, 0x8A, 0x80, 0x01, 0x54, 0x65, 0x73, 0x73, 0x65, 0x6C, 0x53, 0x77, 0x61, 0x70, 0x06};
     const Row rows[] = {
         {"racks=2,slots=8,cards=3,mute=1,echo=1", 2, 8, 3, 1, true, defaultAtr},
         {"", 1, 4, 2, 0, false, defaultAtr},
         {"slots=3,cards=1,atr=3B:02 14:50,", 1, 3, 1, 0, false, {0x3B, 0x02, 0x14, 0x50}},
         {"event=8000", 1, 4, 2, 0, false, defaultAtr},
         {"event=soon", -1},
+        {"swap=3000@4", 1, 4, 2, 0, false, defaultAtr, 3000, 4},
+        {"slots=3,cards=3,swap=500", 1, 3, 3, 0, false, defaultAtr, 500, 1},
+        {"slots=2,cards=1,atr=3B8A8001 5465737365 6C53776170 06,swap=1", 1, 2, 1, 0, false, swapAtr, 1, 1},
+        {"slots=3,swap=500@4", -1},
+        {"swap=500@0", -1},
+        {"swap=500@", -1},
+        {"swap=@2", -1},
+        {"swap=soon", -1},
         {"slots=4,cards=5", -1},
         {"slots=4,cards=3,mute=2", -1},
         {"racks=0", -1},
@@ -184,6 +196,17 @@ TEST_F(SimDevices, RacksDescribedByText)
         ASSERT_EQ(FT_CreateDeviceInfoList(&count), FT_OK);
         ASSERT_EQ(count, static_cast<uint32_t>(std::max(row.racks, 0)));
         if (row.racks < 0) continue;
+
+        // The swap is made only when the emulator loads; here, what it
+        // would be: its time, its slot, and a card that differs.
+        racksim::RackSetup setup;
+        std::string error;
+        ASSERT_TRUE(racksim::parseRackSetupText(row.text, setup, error)) << error;
+        EXPECT_EQ(setup.cardSwapAfterMs, row.swapAfterMs);
+        EXPECT_EQ(setup.cardSwapSlot, row.swapSlot);
+        const Bytes swapped = racksim::swappedCardAtr(setup.atr);
+        EXPECT_EQ(swapped, row.atr == swapAtr ? defaultAtr : swapAtr);
+
         std::vector<FT_DEVICE_LIST_INFO_NODE> records(count);
         ASSERT_EQ(FT_GetDeviceInfoList(records.data(), &count), FT_OK);
         for (int rack = 0; rack < row.racks; ++rack) {
