@@ -260,7 +260,10 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardControl(SCARDHANDLE hCard, DWORD dwCon
                                                   LPDWORD lpBytesReturned)
 {
     if (lpBytesReturned != nullptr) *lpBytesReturned = 0;
-    if (findReaderByCardHandle(hCard).reader == nullptr) return SCARD_E_INVALID_HANDLE;
+    // Waits, as a transmit does, while another handle holds a transaction.
+    connection_table::Connection connection;
+    const LONG entered = connection_table::enter(hCard, connection);
+    if (entered != SCARD_S_SUCCESS) return entered;
     if (dwControlCode == kGetFeatureRequest) return SCARD_S_SUCCESS;
     return SCARD_E_UNSUPPORTED_FEATURE;
 }

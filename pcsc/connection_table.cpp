@@ -323,6 +323,14 @@ bool isLiveContext(SCARDCONTEXT context)
     return liveContext(t, context);
 }
 
+bool acceptsQueryContext(SCARDCONTEXT context)
+{
+#ifdef _WIN32
+    if (context == 0) return true;
+#endif
+    return isLiveContext(context);
+}
+
 bool find(SCARDHANDLE handle, Connection& connection)
 {
     Table& t = table();

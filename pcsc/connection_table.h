@@ -28,6 +28,11 @@ LONG openContext(SCARDCONTEXT& context);
 // left as they are, their transactions end). False if it was not live.
 bool closeContext(SCARDCONTEXT context);
 bool isLiveContext(SCARDCONTEXT context);
+// For the calls that only ask what there is (the reader and group lists):
+// a live context, or on Windows also none at all, since its API lets those
+// calls run without a context ("not limited to any context"); pcsc-lite
+// refuses anything but a live one.
+bool acceptsQueryContext(SCARDCONTEXT context);
 
 // ---- Connections -----------------------------------------------------------
 

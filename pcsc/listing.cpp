@@ -151,14 +151,14 @@ LONG listReaders(const Char* mszGroups, Char* mszReaders, LPDWORD pcchReaders)
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
-    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
+    if (!connection_table::acceptsQueryContext(hContext)) return SCARD_E_INVALID_HANDLE;
     return listReaders<char>(mszGroups, mszReaders, pcchReaders);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersW(SCARDCONTEXT hContext, LPCWSTR mszGroups, LPWSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
-    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
+    if (!connection_table::acceptsQueryContext(hContext)) return SCARD_E_INVALID_HANDLE;
     return listReaders<WCHAR>(mszGroups, mszReaders, pcchReaders);
 }
 

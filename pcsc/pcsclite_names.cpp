@@ -5,6 +5,7 @@
 // Windows (attributes.cpp).
 #include <cstdio>
 
+#include "pcsc/connection_table.h"
 #include "pcsc/reader_groups.h"
 #include "pcsc/winscard_api.h"
 
@@ -79,6 +80,7 @@ TESSEL_EXPORT LONG SCardGetStatusChange(SCARDCONTEXT hContext, DWORD dwTimeout, 
 // The default group, by the buffer rules of the reader list.
 TESSEL_EXPORT LONG SCardListReaderGroups(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWORD pcchGroups)
 {
+    if (!connection_table::acceptsQueryContext(hContext)) return SCARD_E_INVALID_HANDLE;
     return listReaderGroups(mszGroups, pcchGroups);
 }
 

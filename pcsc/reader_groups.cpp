@@ -3,6 +3,7 @@
 #include <string>
 
 #include "pcsc/call_trace.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
 #include "pcsc/winscard_api.h"
 
@@ -68,12 +69,16 @@ extern "C" {
 TESSEL_EXPORT LONG WINAPI SCardListReaderGroupsA(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWORD pcchGroups)
 {
     traceEntry("SCardListReaderGroupsA");
+    if (!connection_table::acceptsQueryContext(hContext))
+        return traceResult("SCardListReaderGroupsA", SCARD_E_INVALID_HANDLE);
     return traceResult("SCardListReaderGroupsA", listReaderGroups(mszGroups, pcchGroups));
 }
 
 TESSEL_EXPORT LONG WINAPI SCardListReaderGroupsW(SCARDCONTEXT hContext, LPWSTR mszGroups, LPDWORD pcchGroups)
 {
     traceEntry("SCardListReaderGroupsW");
+    if (!connection_table::acceptsQueryContext(hContext))
+        return traceResult("SCardListReaderGroupsW", SCARD_E_INVALID_HANDLE);
     return traceResult("SCardListReaderGroupsW", listReaderGroups(mszGroups, pcchGroups));
 }
 

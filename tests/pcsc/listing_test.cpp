@@ -131,7 +131,7 @@ TEST_F(ListingTest, ReaderGroupsInEveryBufferFormAndGroupsIgnoredInTheListing)
         char* target = c.form == Form::Query || c.form == Form::AutoWithoutPointer ? nullptr
                        : c.form == Form::Auto ? reinterpret_cast<char*>(&block)
                                               : buffer.data();
-        EXPECT_EQ(SCardListReaderGroups(0, target, c.form == Form::NoSize ? nullptr : &size), c.result);
+        EXPECT_EQ(SCardListReaderGroups(testContext(), target, c.form == Form::NoSize ? nullptr : &size), c.result);
         if (c.form != Form::NoSize) {
             EXPECT_EQ(size, 22u);
         }
@@ -147,6 +147,8 @@ TEST_F(ListingTest, ReaderGroupsInEveryBufferFormAndGroupsIgnoredInTheListing)
         }
     }
     DWORD size = 0;
+    // pcsc-lite answers only a live context.
+    EXPECT_EQ(SCardListReaderGroups(0, nullptr, &size), SCARD_E_INVALID_HANDLE);
     EXPECT_EQ(SCardListReadersA(testContext(), "No such group\0", nullptr, &size), SCARD_S_SUCCESS);
     EXPECT_EQ(size, 14u);
 }

@@ -225,6 +225,15 @@ void readerGroups(Host& host)
     check(handed && length == 22 && std::wstring(wide, 22) == std::wstring(L"SCard$DefaultReaders\0", 22),
           "SCardListReaderGroupsW with SCARD_AUTOALLOCATE (0x%08lx)", result);
     if (handed) SCardFreeMemory(host.context, wide);
+    // Windows lets the list calls run without a context; a released or
+    // made-up one is still refused.
+    length = 0;
+    result = SCardListReadersA(0, nullptr, nullptr, &length);
+    check(result == SCARD_S_SUCCESS && length > 1, "SCardListReadersA without a context (0x%08lx, %lu)", result,
+          length);
+    length = 0;
+    result = SCardListReaderGroupsA(0x5A5A5A5A, nullptr, &length);
+    check(result == SCARD_E_INVALID_HANDLE, "SCardListReaderGroupsA refuses a made-up context (0x%08lx)", result);
     length = 3;
     check(SCardListReaderGroupsA(host.context, narrow, &length) == SCARD_E_INSUFFICIENT_BUFFER && length == 22,
           "SCardListReaderGroupsA with a short buffer is told the size");
