@@ -239,7 +239,7 @@ void stopRack()
     rackSimReset();
 }
 
-// Connects to slots 1..count, all at once: a connect pauses 1 s.
+// Connects to slots 1..count, all at once.
 std::vector<SCARDHANDLE> connectAll(const Rig& rig, int count)
 {
     std::vector<SCARDHANDLE> handles(static_cast<size_t>(count), 0);
@@ -611,6 +611,7 @@ struct Settings {
     std::vector<double> timersMs;  // one run each
     bool linksOnly = false;        // only the three links side by side
     bool loadOnly = false;         // only the waiting calls and the thread scaling
+    bool connectionsOnly = false;  // only contexts and connections
 };
 
 std::string hostLine()
@@ -1409,6 +1410,123 @@ std::string linkComparisonReport(const std::vector<LinkMeasurement>& links)
     return r.str();
 }
 
+// ---- Contexts and connections ----------------------------------------------
+
+struct ConnectionCosts {
+    double contextPairsPerS = 0;
+    long contextPairs = 0;
+    long contextFailures = 0;
+    double threadSafeConnectMs = 0;  // 10 threads x 10 connect/disconnect pairs, one reader
+    int threadSafeFailures = 0;
+    size_t threadSafeSelections = 0;  // protocol selections on the wire during it
+    std::vector<double> coldConnectMs;
+    double coldWireMs = 0;    // selection out, acknowledge and status reply back
+    double coldDeviceMs = 0;  // the same with the latency timer in force
+};
+
+size_t selectionsTo(int device, int address)
+{
+    size_t count = 0;
+    std::vector<uint8_t> frame(300);
+    for (int i = 0, n = rackSimWireLogCount(device); i < n; ++i) {
+        const int length = rackSimWireLogEntry(device, i, frame.data(), static_cast<int>(frame.size()), nullptr);
+        if (length == 5 && frame[1] == address && (frame[3] == 0x20 || frame[3] == 0x60)) ++count;
+    }
+    return count;
+}
+
+// On the fast link, so that the wire and not the 5 ms poll is what a cold
+// connect waits for.
+ConnectionCosts measureConnectionCosts(const Workload& w, const std::function<void(const std::string&)>& progress)
+{
+    ConnectionCosts c;
+    applyFastLinkSetting(kFastLinkTimerMs);
+    progress("contexts and connections: bring-up of 4 slots");
+    Rig rig;
+    startRack(rig, "CONN004", 4, kDefaultTimerMs);
+
+    progress("contexts and connections: establish and release");
+    const Clock::time_point start = Clock::now();
+    const double windowMs = w.window * 1000.0;
+    while (msSince(start) < windowMs) {
+        SCARDCONTEXT context = 0;
+        if (SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context) != SCARD_S_SUCCESS ||
+            SCardReleaseContext(context) != SCARD_S_SUCCESS)
+            ++c.contextFailures;
+        ++c.contextPairs;
+    }
+    c.contextPairsPerS = static_cast<double>(c.contextPairs) / (msSince(start) / 1000.0);
+
+    progress("contexts and connections: 10 threads x 10 connects to one reader");
+    const std::string name = readerName(rig.serial, 1);
+    rackSimClearWireLog(rig.device);
+    std::atomic<int> failures{0};
+    const Clock::time_point tsc = Clock::now();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 10; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 10; ++i) {
+                SCARDHANDLE handle = 0;
+                DWORD active = 0;
+                if (SCardConnectA(rig.context, name.c_str(), SCARD_SHARE_SHARED,
+                                  SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &handle, &active) != SCARD_S_SUCCESS ||
+                    SCardDisconnect(handle, SCARD_LEAVE_CARD) != SCARD_S_SUCCESS)
+                    ++failures;
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    c.threadSafeConnectMs = msSince(tsc);
+    c.threadSafeFailures = failures.load();
+    c.threadSafeSelections = selectionsTo(rig.device, 1);
+
+    progress("contexts and connections: cold connects");
+    const std::string cold = readerName(rig.serial, 2);
+    for (int round = 0; round < w.shortRounds; ++round) {
+        SCARDHANDLE handle = 0;
+        DWORD active = 0;
+        const Clock::time_point at = Clock::now();
+        if (SCardConnectA(rig.context, cold.c_str(), SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle, &active) !=
+            SCARD_S_SUCCESS)
+            continue;
+        c.coldConnectMs.push_back(msSince(at));
+        // A reset leaves the card unpowered: the next connect is cold again.
+        SCardDisconnect(handle, SCARD_RESET_CARD);
+    }
+    const size_t statusReply = frameBytes(kAtr.size());
+    c.coldWireMs = wireMs(static_cast<double>(kMasterFrameBytes + kAckBytes + statusReply));
+    c.coldDeviceMs = polledCycleMs(kMasterFrameBytes, statusReply, true, kFastLinkTimerMs, 0);
+    stopRack();
+    applyFastLinkSetting(0);
+    return c;
+}
+
+std::string connectionReport(const ConnectionCosts& c)
+{
+    std::ostringstream r;
+    r << "## Contexts and connections\n\n";
+    r << "One rack of 4 slots on the fast link (" << kFastLinkTimerMs << " ms), the wire paced. A context pair is "
+         "SCardEstablishContext and SCardReleaseContext once the racks are up. The connect pattern is pcsc-lite's "
+         "ThreadSafeConnect: 10 threads with 10 connect/disconnect (leave) pairs each on one reader. A cold connect "
+         "selects the protocol of a card nobody holds (each is followed by a disconnect with reset) and waits for "
+         "the slot's answer; the emulator's slot answers a selection at once, so its time is the wire: the "
+         "selection out, the acknowledge and the status reply back.\n\n";
+    const double coldMedian = c.coldConnectMs.empty() ? 0 : percentile(c.coldConnectMs, 0.5);
+    r << "| Measure | Measured | Target | Verdict |\n|---|---|---|---|\n";
+    r << "| context pairs per second | " << fmt("%.0f/s (%ld pairs, %ld failed)", c.contextPairsPerS, c.contextPairs,
+                                                c.contextFailures)
+      << " | more than 10,000/s | " << verdict(c.contextPairsPerS > 10000 && c.contextFailures == 0) << " |\n";
+    r << "| ThreadSafeConnect, 100 pairs | " << fmt("%.1f ms, %d failed, ", c.threadSafeConnectMs, c.threadSafeFailures)
+      << c.threadSafeSelections << " selection(s) on the wire | under 1 s | "
+      << verdict(c.threadSafeConnectMs < 1000 && c.threadSafeFailures == 0) << " |\n";
+    r << "| cold connect, median of " << c.coldConnectMs.size() << " | " << fmt("%.2f ms", coldMedian)
+      << " (p90 " << fmt("%.2f ms", c.coldConnectMs.empty() ? 0 : percentile(c.coldConnectMs, 0.9)) << ")"
+      << " | wire " << fmt("%.2f ms", c.coldWireMs) << " + 5 ms = " << fmt("%.2f ms", c.coldWireMs + 5.0) << " | "
+      << verdict(!c.coldConnectMs.empty() && coldMedian <= c.coldWireMs + 5.0) << " |\n";
+    r << "\nThe model's figure for one cold connect with the " << kFastLinkTimerMs << " ms latency timer: "
+      << fmt("%.2f ms", c.coldDeviceMs) << ".\n\n";
+    return r.str();
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -1420,6 +1538,7 @@ int main(int argc, char** argv)
         else if (arg == "--quick") settings.quick = true;
         else if (arg == "--links-only") settings.linksOnly = true;
         else if (arg == "--load-only") settings.loadOnly = true;
+        else if (arg == "--connections-only") settings.connectionsOnly = true;
         else if (arg == "--latency-timer" && i + 1 < argc) {
             char* end = nullptr;
             long ms = std::strtol(argv[++i], &end, 10);
@@ -1429,7 +1548,7 @@ int main(int argc, char** argv)
             }
             settings.timersMs.push_back(static_cast<double>(ms));
         } else {
-            std::fprintf(stderr, "usage: %s [--out DIR] [--quick] [--latency-timer MS]... [--links-only | --load-only]\n",
+            std::fprintf(stderr, "usage: %s [--out DIR] [--quick] [--latency-timer MS]... [--links-only | --load-only | --connections-only]\n",
                          argv[0]);
             return 2;
         }
@@ -1479,6 +1598,20 @@ int main(int argc, char** argv)
                                                      settings.quick ? 2000 : 5000))
         traces.push_back(row);
 
+    if (settings.connectionsOnly) {
+        const ConnectionCosts costs = measureConnectionCosts(w, progress);
+        std::remove(g_benchLog.c_str());
+        progress("done");
+        const std::string text = "# Contexts and connections\n\nRun of " + std::string(when) + ", " + host +
+                                 (settings.quick ? ", quick mode" : "") + ".\n\n" + connectionReport(costs);
+        std::printf("%s", text.c_str());
+        std::string mkdir = "mkdir -p '" + settings.out + "'";
+        if (std::system(mkdir.c_str()) != 0) return 1;
+        std::ofstream(settings.out + "/report.md") << text;
+        std::fprintf(stderr, "wrote %s/report.md\n", settings.out.c_str());
+        return 0;
+    }
+
     std::vector<Run> runs;
     for (double timer : settings.timersMs) {
         if (settings.linksOnly) break;
@@ -1490,6 +1623,8 @@ int main(int argc, char** argv)
     }
     std::vector<LinkMeasurement> links;
     if (!settings.loadOnly) links = compareLinks(w, progress);
+    std::string connections;
+    if (!settings.loadOnly && !settings.linksOnly) connections = connectionReport(measureConnectionCosts(w, progress));
     std::remove(g_benchLog.c_str());
     progress("done");
 
@@ -1507,7 +1642,7 @@ int main(int argc, char** argv)
         loadTargetRows(targets, runs);
         text += "|---|\n" + targets.str() + "\n" + loadReport(runs, w);
     } else {
-        text += linkComparisonReport(links);
+        text += linkComparisonReport(links) + connections;
     }
     std::printf("%s", text.c_str());
     std::string svg = runs.empty() || settings.loadOnly ? std::string() : plot(runs);

@@ -42,12 +42,4 @@ inline int freshRack()
     return device;
 }
 
-// Readers are never destroyed while the library runs; a fuzz run makes
-// and frees them by the thousand, and forgets their handles with them.
-inline void forgetCardHandles()
-{
-    std::lock_guard<platform::ExclusiveLock> guard(g_cardHandlesLock);
-    g_cardHandles.clear();
-}
-
 }  // namespace fuzz_support

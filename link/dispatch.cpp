@@ -31,6 +31,8 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
             } else if (frame[3] == RackFrame::masterEnumerationComplete) {
                 logWrite("SRC " + serial + ": Enumeration complete.\n");
                 enumerated_.store(1, std::memory_order_release);
+                // Hosts waiting in SCardEstablishContext sleep on this.
+                cardEvents().notify();
             }
         }
         // An acknowledge from the master has no reader to go to: it leaves

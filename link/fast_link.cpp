@@ -18,7 +18,11 @@ constexpr const char* kSettingName = "TESSEL_FAST_LINK";
 // comes: a missed event costs no more than the poll of the plain link.
 constexpr uint32_t kEventFallbackMs = 5;
 
-// Whole decimal numbers from 1 to 255, nothing else: no sign, no blanks.
+// The driver's range of the latency timer.
+constexpr uint32_t kShortestTimerMs = 2;
+constexpr uint32_t kLongestTimerMs = 255;
+
+// Whole decimal numbers from 2 to 255, nothing else: no sign, no blanks.
 bool parseLatencyTimer(const std::string& text, uint32_t& milliseconds)
 {
     if (text.empty() || text.size() > 3) return false;
@@ -27,7 +31,7 @@ bool parseLatencyTimer(const std::string& text, uint32_t& milliseconds)
         if (c < '0' || c > '9') return false;
         value = value * 10 + static_cast<uint32_t>(c - '0');
     }
-    if (value < 1 || value > 255) return false;
+    if (value < kShortestTimerMs || value > kLongestTimerMs) return false;
     milliseconds = value;
     return true;
 }
@@ -38,12 +42,16 @@ uint32_t readSetting()
     if (!platform::environmentVariable(kSettingName, text)) return 0;
     uint32_t milliseconds = 0;
     if (parseLatencyTimer(text, milliseconds)) return milliseconds;
-    logWrite(std::string(kSettingName) + "=" + text + " ignored: a latency timer of 1 to 255 ms is expected\n");
+    logWrite(std::string(kSettingName) + "=" + text + " ignored: a latency timer of 2 to 255 ms is expected\n");
     return 0;
 }
 
 }  // namespace
 
+// Read at the first device open, on the discovery thread while the library
+// loads, and kept for every later open of the same load; a new start of the
+// settings (platform/settings_epoch.h, which tests use to stand for a new
+// load) reads it again.
 uint32_t fastLinkLatencyTimerMs()
 {
     static platform::ExclusiveLock guard;
@@ -69,8 +77,14 @@ void Rack::setUpFastLink()
     if (timerMs == 0) return;
 
     if (FT_SetLatencyTimerFunction setLatencyTimer = platform::findSetLatencyTimer()) {
-        setLatencyTimer(ftHandle, static_cast<uint8_t>(timerMs));
-        logWrite("Fast link: latency timer " + std::to_string(timerMs) + " ms\n");
+        // A driver may refuse the call; the link then stays on the driver's
+        // timer, and the log says so rather than claim the timer was set.
+        const FT_STATUS status = setLatencyTimer(ftHandle, static_cast<uint8_t>(timerMs));
+        if (status == FT_OK)
+            logWrite("Fast link: latency timer " + std::to_string(timerMs) + " ms\n");
+        else
+            logWrite("Fast link: FT_SetLatencyTimer refused " + std::to_string(timerMs) + " ms (status " +
+                     std::to_string(static_cast<uint32_t>(status)) + "), latency timer left as the driver has it\n");
     } else {
         logWrite("Fast link: FT_SetLatencyTimer not found, latency timer left as the driver has it\n");
     }

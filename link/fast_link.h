@@ -5,7 +5,8 @@
 
 #include <cstdint>
 
-// The latency timer the fast link gives each device, 1 to 255 ms; 0 while
-// the fast link is off. Read from the environment once, at the first
-// device open; a bad value is traced and ignored.
+// The latency timer the fast link gives each device, 2 to 255 ms (the
+// driver's range); 0 while the fast link is off. Read from the environment
+// once per load, at the first device open, which is on the discovery thread
+// while the library loads; a bad value is traced there and ignored.
 uint32_t fastLinkLatencyTimerMs();

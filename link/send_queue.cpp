@@ -97,6 +97,9 @@ void Rack::selectProtocol(Reader* reader)
 {
     uint8_t command = reader->protocol() == 1 ? RackFrame::commandSelectT1 : RackFrame::commandSelectT0;
     reader->writeMailbox(true, &command, 1);
+    // The answer flag is cleared before the message goes out, so that a
+    // frame an earlier exchange left behind cannot pass for the answer.
+    reader->clearIncoming();
     enqueue(reader);
 }
 

@@ -1,7 +1,6 @@
 // Attributes and the small calls: SCardGetAttrib serves the vendor name and
-// the ATR; the transaction calls and SCardCancel exist so that hosts keep
-// working and change nothing; SCardCancel ends the status-change waits of
-// its context; SCardControl does nothing at all on Windows. Also the
+// the ATR; SCardCancel ends the status-change waits of its context (the
+// transaction calls are in transactions.cpp); SCardControl does nothing at all on Windows. Also the
 // three exported protocol control records.
 #include <algorithm>
 #include <cstdlib>
@@ -146,20 +145,6 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardGetAttrib(SCARDHANDLE hCard, DWORD dwA
     if (pcbAttrLen == nullptr) return SCARD_E_INVALID_PARAMETER;
     if (*pcbAttrLen == SCARD_AUTOALLOCATE) return attributeInNewBlock(hCard, dwAttrId, pbAttr, pcbAttrLen);
     return attributeInCallersBuffer(hCard, dwAttrId, pbAttr, pcbAttrLen);
-}
-
-// There is no transaction lock: nothing keeps two hosts or two threads
-// apart on one reader.
-extern "C" TESSEL_EXPORT LONG WINAPI SCardBeginTransaction(SCARDHANDLE hCard)
-{
-    logWrite("SCardBeginTransaction\n");
-    return SCARD_S_SUCCESS;
-}
-
-extern "C" TESSEL_EXPORT LONG WINAPI SCardEndTransaction(SCARDHANDLE hCard, DWORD dwDisposition)
-{
-    logWrite("SCardEndTransaction\n");
-    return SCARD_S_SUCCESS;
 }
 
 // Ends every status-change wait in progress that was called with this

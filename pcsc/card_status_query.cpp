@@ -1,5 +1,6 @@
 // Card status query: the reader's name, the card state, the protocol and
-// the ATR for a card handle, answered from what the reader holds in memory.
+// the ATR for a card handle, answered from what the reader and the
+// connection hold in memory.
 // Each of the two outputs follows the published buffer rules on its own:
 // the caller's buffer, a null buffer for the length alone, or
 // SCARD_AUTOALLOCATE.
@@ -9,7 +10,7 @@
 #include <string>
 
 #include "diag/trace_log.h"
-#include "pcsc/lookups.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/winscard_api.h"
 #include "reader/atr.h"
 #include "reader/reader.h"
@@ -71,6 +72,27 @@ LONG takeBuffer(Element* given, DWORD& size, DWORD needed, Element*& buffer, boo
     return SCARD_S_SUCCESS;
 }
 
+// The reader state in the platform's own values: Windows numbers the states
+// SCARD_ABSENT (1) to SCARD_SPECIFIC (6), one at a time; pcsc-lite gives
+// them as bits, a powered card with its protocol as PRESENT, POWERED and
+// SPECIFIC together. A card with a negotiated protocol is SPECIFIC; a
+// direct connection to a card nobody powered sees it PRESENT.
+DWORD platformState(uint32_t cardState, const connection_table::Connection& connection)
+{
+    const bool specific = connection.powered && connection.protocol != 0;
+#ifdef _WIN32
+    if (cardState == kStateNoCard) return SCARD_ABSENT;
+    if (cardState == kStateMuteCard) return SCARD_SWALLOWED;
+    if (!connection.powered) return SCARD_PRESENT;
+    return specific ? SCARD_SPECIFIC : SCARD_POWERED;
+#else
+    if (cardState == kStateNoCard) return SCARD_ABSENT;
+    if (cardState == kStateMuteCard) return SCARD_PRESENT | SCARD_SWALLOWED;
+    if (!connection.powered) return SCARD_PRESENT;
+    return SCARD_PRESENT | SCARD_POWERED | (specific ? SCARD_SPECIFIC : 0);
+#endif
+}
+
 template <typename Char>
 LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, LPDWORD pdwState,
                 LPDWORD pdwProtocol, LPBYTE pbAtr, LPDWORD pcbAtrLen)
@@ -86,11 +108,15 @@ LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, 
     DWORD nameSize = *pcchReaderLen;
     DWORD atrSize = *pcbAtrLen;
 
-    Reader* reader = findReaderByCardHandle(hCard).reader;
-    if (reader == nullptr) {
+    connection_table::Connection connection;
+    if (!connection_table::find(hCard, connection)) {
         traceIf(StatusForm<Char>::tracesDetail, "InvalidHandle\n");
         return SCARD_E_INVALID_HANDLE;
     }
+    // A card that left or was reset since the connect is reported until
+    // the host reconnects, and nothing else is delivered.
+    if (connection.cardWarning != SCARD_S_SUCCESS) return connection.cardWarning;
+    Reader* reader = connection.reader;
 
     // One name with its NUL, counted in characters in both forms.
     const std::basic_string<Char> name = StatusForm<Char>::nameOf(*reader);
@@ -128,11 +154,10 @@ LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, 
         std::memcpy(atrBuffer, atr, std::min(atrLength, atrSize));
     }
 
-    // The reader's T number, as the API's protocol: anything but T=0
-    // counts as T=1, the 0xFFFFFFFF of a connect without a protocol too.
-    *pdwProtocol = reader->protocol() != 0 ? SCARD_PROTOCOL_T1 : SCARD_PROTOCOL_T0;
-    // The card state goes out unchanged, in this system's own values.
-    *pdwState = reader->cardState();
+    // The connection's active protocol: 0 for a direct one, or a card whose
+    // ATR names none.
+    *pdwProtocol = connection.protocol;
+    *pdwState = platformState(reader->cardState(), connection);
     return result;
 }
 

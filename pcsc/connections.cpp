@@ -1,157 +1,153 @@
-// Card connections. There are no connection objects: a card handle belongs
-// to its reader for the reader's whole life, so connecting means checking
-// the card and the protocol, telling the slot which protocol to use and
-// waiting for its reply; disconnecting means, at most, sending the same
-// message again.
+// Card connections: SCardConnect, SCardReconnect and SCardDisconnect. Each
+// connect makes a connection of its own with a fresh handle
+// (connection_table.h), which joins a card that is already powered and
+// otherwise powers it: the slot is told which protocol to use and the call
+// waits for its answer (card_power.h).
 #include <cstdint>
 #include <string>
 
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
-#include "pcsc/host_handle.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
-#include "platform/clock.h"
 #include "reader/protocol_walk.h"
 #include "reader/reader.h"
 
 namespace {
 
-// The slot gets this long to take up the protocol before the reply wait.
-constexpr uint32_t kSettlePauseMs = 1000;
-// Whole calendar seconds that a connect or disconnect waits for the reply.
-constexpr int64_t kReplyWaitSeconds = 17;
-// dwPreferredProtocols is compared with this as a plain number, not read as
-// a mask: above it the ATR chooses.
-constexpr DWORD kHighestRequestedProtocol = SCARD_PROTOCOL_T1;
+constexpr DWORD kBothProtocols = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1;
 
-// Waits until a frame from the slot stands in its incoming mailbox, or the
-// limit has passed. The flag is not cleared before the message goes out, so
-// one that an earlier exchange left set ends the wait at once. Nobody looks
-// at how the wait ended. The thread sleeps on the reader's signal, which a
-// frame landing in the mailbox wakes; without a wake it sleeps until the
-// calendar clock's next whole second, the next moment its limit test can
-// change.
-void waitForReaderReply(Reader* reader)
+// Protocol bits a caller may name. The slots speak T=0 and T=1; the raw
+// protocol (and T=15 where the platform names it) is a valid request that
+// no card here can meet.
+DWORD knownProtocolBits()
 {
-    const int64_t start = platform::calendarSeconds();
-    int64_t secondBeforeSleep = start;
-    bool sleptToBoundary = false;
-    for (;;) {
-        const uint32_t seen = reader->activity.generation();
-        if (reader->mailboxFull(false, true) != 0) return;
-        const int64_t now = platform::calendarSeconds();
-        if (now - start >= kReplyWaitSeconds) return;
-        // The calendar clock can lag the finer clock that timed the sleep
-        // by a scheduler tick: if the second has not moved on yet, look
-        // again in a millisecond rather than a whole second later.
-        uint32_t sleepMs = platform::msToNextCalendarSecond();
-        if (sleptToBoundary && now == secondBeforeSleep) sleepMs = 1;
-        secondBeforeSleep = now;
-        sleptToBoundary = !reader->activity.wait(seen, sleepMs);
-    }
+    DWORD known = kBothProtocols | SCARD_PROTOCOL_RAW;
+#ifdef SCARD_PROTOCOL_T15
+    known |= SCARD_PROTOCOL_T15;
+#endif
+#ifdef SCARD_PROTOCOL_DEFAULT
+    known |= SCARD_PROTOCOL_DEFAULT;
+#endif
+    return known;
 }
 
-// The protocol choice of a connect. Returns false on a mismatch; otherwise
-// *pdwActiveProtocol holds the protocol to use. Up to T=1 the request is
-// tested against the ATR's protocols; above, the ATR's first protocol is
-// taken, which may be 0 for an ATR that names none.
-bool chooseProtocol(Reader* reader, DWORD requested, LPDWORD pdwActiveProtocol)
+bool validShareMode(DWORD shareMode)
 {
-    const OfferedProtocols offered = offeredProtocols(reader->atrValue());
+    return shareMode == SCARD_SHARE_EXCLUSIVE || shareMode == SCARD_SHARE_SHARED || shareMode == SCARD_SHARE_DIRECT;
+}
+
+// A direct connection may name no protocol; any other needs at least one.
+bool validProtocols(DWORD shareMode, DWORD preferred)
+{
+    if ((preferred & ~knownProtocolBits()) != 0) return false;
+    return shareMode == SCARD_SHARE_DIRECT || preferred != 0;
+}
+
+// The protocol choice of a connect that powers the card. Both T=0 and T=1
+// allowed (or the platform's default): the ATR's first protocol, 0 for an
+// ATR that names none. One of them: it must be among the ATR's protocols.
+bool chooseProtocol(Reader& reader, DWORD preferred, DWORD& active)
+{
+    const OfferedProtocols offered = offeredProtocols(reader.atrValue());
     // An ATR that names no protocol leaves the reader's mask as it was, so
     // a request is then tested against the protocols of an earlier card.
     if (offered.mask != 0) {
-        reader->protocolMask.store(offered.mask, std::memory_order_release);
+        reader.protocolMask.store(offered.mask, std::memory_order_release);
         logWrite("atr says " + decimalText(offered.first) + "\n");
     }
-    if (requested > kHighestRequestedProtocol) {
-        *pdwActiveProtocol = offered.first;
+    DWORD wanted = preferred & kBothProtocols;
+#ifdef SCARD_PROTOCOL_DEFAULT
+    if ((preferred & SCARD_PROTOCOL_DEFAULT) != 0) wanted = kBothProtocols;
+#endif
+    if (wanted == kBothProtocols) {
+        active = offered.first;
         return true;
     }
-    const uint32_t mask = reader->protocolMask.load(std::memory_order_acquire);
-    return (mask & requested) == requested;
+    if (wanted == 0) return false;
+    const uint32_t mask = reader.protocolMask.load(std::memory_order_acquire);
+    if ((mask & wanted) != wanted) return false;
+    active = wanted;
+    return true;
 }
 
-// Tells the slot the protocol to use and gives it time to take it up.
-void connectCard(Rack* rack, Reader* reader, uint32_t activeProtocol)
+// Reset, unpower and eject all send the selection again: it is the one
+// message a slot has for any of them.
+bool cardActionOf(DWORD disposition, connection_table::CardAction& action)
 {
-    if (!rack->connected()) return;
-    // The API numbers protocols T + 1; the reader keeps the T number. An
-    // active protocol of 0 leaves 0xFFFFFFFF, which the select message
-    // treats as T=0.
-    const uint32_t tNumber = activeProtocol - 1;
-    logWrite("Connecting with prot T" + decimalText(tNumber) + "\n");
-    reader->setProtocol(tNumber);
-    rack->selectProtocol(reader);
-    platform::pauseMs(kSettlePauseMs);
+    switch (disposition) {
+    case SCARD_LEAVE_CARD: action = connection_table::CardAction::leave; return true;
+    case SCARD_RESET_CARD:
+    case SCARD_UNPOWER_CARD:
+    case SCARD_EJECT_CARD: action = connection_table::CardAction::reset; return true;
+    default: return false;
+    }
 }
 
-// Selects the protocol on the slot and waits for its reply, holding the
-// reader's turn so that the reply cannot go to another thread's exchange
-// with the same slot. The rack lock is freed afterwards in any case.
-void selectAndWait(Rack* rack, Reader* reader, DWORD activeProtocol)
-{
-    ReaderTurn turn(reader);
-    connectCard(rack, reader, activeProtocol);
-    waitForReaderReply(reader);
-    rack->unlockIfHeldBy(reader->address);
-}
 
-// What SCardDisconnect and SCardReconnect do with a disposition.
-enum class Disposition { leave, resend, refused };
-
-Disposition dispositionOf(DWORD value)
+// The steps both forms share once the reader is found.
+LONG connectToReader(SCARDCONTEXT context, const RackReader& found, DWORD shareMode, DWORD preferred,
+                     LPSCARDHANDLE phCard, LPDWORD pdwActiveProtocol, bool narrow)
 {
-    if (value == SCARD_LEAVE_CARD) return Disposition::leave;
-    // Reset and unpower are the same here: the slot has no message for
-    // either but the protocol selection, sent again.
-    if (value == SCARD_RESET_CARD || value == SCARD_UNPOWER_CARD) return Disposition::resend;
-    return Disposition::refused;
+    if (!validShareMode(shareMode) || !validProtocols(shareMode, preferred)) return SCARD_E_INVALID_VALUE;
+    Reader* reader = found.reader;
+    if (shareMode != SCARD_SHARE_DIRECT && reader->atrLength() == 0) {
+        if (narrow) logWrite("No card\n");
+        // A mute card is in the slot but does not answer.
+        return reader->cardState() == kStateMuteCard ? SCARD_W_UNRESPONSIVE_CARD : SCARD_E_NO_SMARTCARD;
+    }
+    if (narrow) {
+        if (preferred == kBothProtocols)
+            logWrite("Protocol unspecified\n");
+        else
+            logWrite("Requested protocol is " + decimalText(static_cast<uint32_t>(preferred)) + "\n");
+    } else {
+        logWrite("pref prot is " + decimalText(static_cast<uint32_t>(preferred)) + "\n");
+    }
+    connection_table::ConnectRequest request;
+    request.context = context;
+    request.rack = found.rack;
+    request.reader = reader;
+    request.shareMode = shareMode;
+    request.preferred = preferred;
+    SCARDHANDLE handle = 0;
+    DWORD active = 0;
+    const LONG result = connection_table::connect(request, chooseProtocol, handle, active);
+    if (result != SCARD_S_SUCCESS) return result;
+    *phCard = handle;
+    *pdwActiveProtocol = active;
+    if (!narrow) {
+        logWrite("Connected\n");
+        logWrite("active is " + decimalText(static_cast<uint32_t>(active)) + "\n");
+    }
+    return SCARD_S_SUCCESS;
 }
 
 }  // namespace
 
 // szReader, phCard and pdwActiveProtocol are the caller's to supply; a null
 // among them is refused after the entry trace instead of written through.
+// Outputs are written only on success.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareMode,
                                                    DWORD dwPreferredProtocols, LPSCARDHANDLE phCard,
                                                    LPDWORD pdwActiveProtocol)
 {
     logWrite(std::string("SCardConnectA: ") + (szReader != nullptr ? szReader : "") + "\n");
     if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
-    *pdwActiveProtocol = dwPreferredProtocols;
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
 
     const RackReader found = findReaderByName(szReader);
-    Rack* rack = found.rack;
-    Reader* reader = found.reader;
-    if (rack != nullptr) {
+    if (found.rack != nullptr) {
         logWrite("Got rack\n");
         logWrite("Got reader\n");
     }
-    if (reader == nullptr) {
+    if (found.reader == nullptr) {
         logWrite("No Reader\n");
         return SCARD_E_READER_UNAVAILABLE;
     }
-    // A card without an ATR (a mute one, or none) cannot be connected.
-    if (reader->atrLength() == 0) {
-        logWrite("No card\n");
-        return SCARD_E_NO_SMARTCARD;
-    }
-
-    if (dwPreferredProtocols > kHighestRequestedProtocol)
-        logWrite("Protocol unspecified\n");
-    else
-        logWrite("Requested protocol is " + decimalText(static_cast<uint32_t>(dwPreferredProtocols)) + "\n");
-    if (!chooseProtocol(reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
-
-    // Every connect to a slot gets the slot's one handle.
-    *phCard = reader->handle;
-    selectAndWait(rack, reader, *pdwActiveProtocol);
-    // A slot that does not reply is no failure: the wait ran out, the rack
-    // lock has been freed, and the host has its handle.
-    return SCARD_S_SUCCESS;
+    return connectToReader(hContext, found, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol, true);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWSTR szReader, DWORD dwShareMode,
@@ -161,78 +157,48 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWST
     // The library's only wide trace.
     logWriteWide(std::wstring(L"SCardConnectW: ") + (szReader != nullptr ? szReader : L"") + L"\n");
     if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
-    *pdwActiveProtocol = dwPreferredProtocols;
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
 
     const RackReader found = findReaderByWideName(szReader);
-    Rack* rack = found.rack;
-    Reader* reader = found.reader;
-    if (reader == nullptr) return SCARD_E_READER_UNAVAILABLE;
-    if (reader->atrLength() == 0) return SCARD_E_NO_SMARTCARD;
-
-    // Unlike the narrow form, the handle is stored before the protocol
-    // choice, so the host holds it after a mismatch too.
-    *phCard = reader->handle;
-    logWrite("pref prot is " + decimalText(static_cast<uint32_t>(dwPreferredProtocols)) + "\n");
-    if (!chooseProtocol(reader, dwPreferredProtocols, pdwActiveProtocol)) return SCARD_E_PROTO_MISMATCH;
-    logWrite("Connected\n");
-    logWrite("active is " + decimalText(static_cast<uint32_t>(*pdwActiveProtocol)) + "\n");
-
-    selectAndWait(rack, reader, *pdwActiveProtocol);
-    return SCARD_S_SUCCESS;
+    if (found.reader == nullptr) return SCARD_E_READER_UNAVAILABLE;
+    return connectToReader(hContext, found, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol, false);
 }
 
-// What SCardReconnect and SCardDisconnect do with reset or unpower: the slot
-// is sent its stored protocol again, the one message it has for either.
-// A disconnect then waits for the reply and frees the rack lock; a
-// reconnect does neither, and the slot's next frame frees the lock.
-namespace {
-
-enum class AfterResend { returnAtOnce, waitForReply };
-
-LONG resendProtocol(SCARDHANDLE hCard, DWORD disposition, AfterResend after)
-{
-    switch (dispositionOf(disposition)) {
-    case Disposition::leave:
-        // Nothing to tell the rack, and the handle is not even looked at.
-        logWrite("leave card\n");
-        return SCARD_S_SUCCESS;
-    case Disposition::refused:
-        return SCARD_E_INVALID_PARAMETER;
-    case Disposition::resend:
-        break;
-    }
-    const RackReader found = findReaderByCardHandle(hCard);
-    Rack* rack = found.rack;
-    Reader* reader = found.reader;
-    if (reader == nullptr) {
-        logWrite("idx missing\n");
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    logWrite(reader->name + " reset\n");
-    ReaderTurn turn(reader);
-    rack->selectProtocol(reader);
-    platform::pauseMs(kSettlePauseMs);
-    if (after == AfterResend::waitForReply) {
-        waitForReaderReply(reader);
-        rack->unlockIfHeldBy(reader->address);
-    }
-    return SCARD_S_SUCCESS;
-}
-
-}  // namespace
-
-// The protocol is not negotiated anew: dwPreferredProtocols is not read and
-// pdwActiveProtocol is not written.
+// Leave joins the card (or powers it if it is not powered); reset and
+// unpower power it again, and every other handle to it is then reset. The
+// protocol is negotiated anew from dwPreferredProtocols, and the share mode
+// changes under the connect's rules. The handle's card warning ends here.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardReconnect(SCARDHANDLE hCard, DWORD dwShareMode, DWORD dwPreferredProtocols,
                                                     DWORD dwInitialization, LPDWORD pdwActiveProtocol)
 {
     logWrite("SCardReconnect: " + decimalText(static_cast<uint32_t>(dwInitialization)) + "\n");
-    return resendProtocol(hCard, dwInitialization, AfterResend::returnAtOnce);
+    connection_table::CardAction action;
+    if (!cardActionOf(dwInitialization, action)) return SCARD_E_INVALID_VALUE;
+    if (!validShareMode(dwShareMode) || !validProtocols(dwShareMode, dwPreferredProtocols))
+        return SCARD_E_INVALID_VALUE;
+    if (pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
+    connection_table::Connection connection;
+    if (!connection_table::find(hCard, connection)) return SCARD_E_INVALID_HANDLE;
+    logWrite(action == connection_table::CardAction::leave ? std::string("leave card\n")
+                                                           : connection.reader->name + " reset\n");
+    DWORD active = 0;
+    const LONG result =
+        connection_table::reconnect(hCard, dwShareMode, dwPreferredProtocols, action, chooseProtocol, active);
+    if (result == SCARD_S_SUCCESS) *pdwActiveProtocol = active;
+    return result;
 }
 
+// Ends the handle. Reset, unpower and eject send the card its selection
+// again and wait for the slot's answer; leave tells the slot nothing.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition)
 {
     logWrite("SCardDisconnect: " + decimalText(static_cast<uint32_t>(dwDisposition)) + ", handle: " +
              decimalText(static_cast<int32_t>(hCard)) + "\n");
-    return resendProtocol(hCard, dwDisposition, AfterResend::waitForReply);
+    connection_table::CardAction action;
+    if (!cardActionOf(dwDisposition, action)) return SCARD_E_INVALID_VALUE;
+    connection_table::Connection connection;
+    if (!connection_table::find(hCard, connection)) return SCARD_E_INVALID_HANDLE;
+    logWrite(action == connection_table::CardAction::leave ? std::string("leave card\n")
+                                                           : connection.reader->name + " reset\n");
+    return connection_table::disconnect(hCard, action);
 }

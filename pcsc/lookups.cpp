@@ -1,9 +1,9 @@
-// Plain walks from the front over every rack's readers, first match wins.
-// They take no lock; the lists they walk only grow and publish complete
-// elements.
+// By name: plain walks from the front over every rack's readers, first
+// match wins. They take no lock; the lists they walk only grow and publish
+// complete elements. By card handle: one look in the connection table.
 #include "pcsc/lookups.h"
 
-#include "pcsc/host_handle.h"
+#include "pcsc/connection_table.h"
 
 #include <cstdint>
 #include <string>
@@ -49,9 +49,9 @@ RackReader findReaderByWideName(const wchar_t* name)
 
 RackReader findReaderByCardHandle(SCARDHANDLE hCard)
 {
-    // The one place where a host's handle value becomes a reader's handle:
-    // the handles this library hands out are 32-bit.
-    uint32_t handle = 0;
-    if (!cardHandleFromHost(hCard, handle)) return RackReader{};
-    return firstMatch([handle](const Reader& reader) { return reader.handle == handle; });
+    connection_table::Connection connection;
+    if (!connection_table::find(hCard, connection)) return RackReader{};
+    return {connection.rack, connection.reader};
 }
+
+void forgetCardHandles() { connection_table::forgetConnections(); }

@@ -15,4 +15,10 @@ struct RackReader {
 
 RackReader findReaderByName(const char* name);
 RackReader findReaderByWideName(const wchar_t* name);
+// The reader of a live card handle (of any share mode, direct included);
+// both null for a handle that was never handed out, was disconnected, or
+// belongs to a released context or to the parent of a forked process.
 RackReader findReaderByCardHandle(SCARDHANDLE hCard);
+
+// Forgets every card handle: the stop path, before the readers go.
+void forgetCardHandles();

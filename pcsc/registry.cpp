@@ -14,6 +14,7 @@
 #include "pcsc/registry_testing.h"
 #include "platform/clock.h"
 #include "platform/thread.h"
+#include "pcsc/lookups.h"
 #include "reader/reader.h"
 
 // Constructed in this order: racks, vendor name, card handles, log path.

@@ -4,6 +4,10 @@
 // call reads those against what the host says it knows, again each time a
 // card event wakes it.
 //
+// SCARD_STATE_CHANGED marks only the records whose state differs from what
+// the host knows, and the high 16 bits carry each reader's count of card
+// events, as pcsc-lite and Windows report them.
+//
 // Besides the readers, a record may name the plug-and-play pseudo-reader
 // "\\?PnP?\Notification", through which clients learn that readers came
 // or went. A wait ends early when SCardCancel is called with its context.
@@ -12,6 +16,7 @@
 
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
 #include "pcsc/wait_cancel.h"
@@ -22,8 +27,12 @@
 
 namespace {
 
-// An INFINITE wait is cut to one minute; a larger finite value is kept.
-constexpr uint32_t kInfiniteWaitMs = 60000;
+// The flags a record's state is compared by: what the host says it knows
+// against what the call finds. CHANGED is the answer, not part of it.
+constexpr uint32_t kInfiniteRecheckMs = 60000;
+
+constexpr DWORD kComparedFlags = SCARD_STATE_EMPTY | SCARD_STATE_PRESENT | SCARD_STATE_MUTE | SCARD_STATE_INUSE |
+                                 SCARD_STATE_EXCLUSIVE;
 
 // The pseudo-reader's name, which clients write in any case.
 constexpr char kPnpName[] = "\\\\?PnP?\\Notification";
@@ -86,8 +95,31 @@ struct StatusChangeForm<SCARD_READERSTATEW> {
     static void traceName(const wchar_t*) {}
 };
 
+// The state flags of a reader as this process sees it: the card, and the
+// connections to it.
+DWORD readerFlags(const Reader& reader, uint32_t cardState)
+{
+    DWORD flags = 0;
+    if (cardState == kStateNoCard) {
+        flags = SCARD_STATE_EMPTY;
+    } else {
+        flags = SCARD_STATE_PRESENT;
+        if (cardState == kStateMuteCard) flags |= SCARD_STATE_MUTE;
+    }
+    switch (connection_table::useOf(&reader)) {
+    case connection_table::ReaderUse::none: break;
+    case connection_table::ReaderUse::shared: flags |= SCARD_STATE_INUSE; break;
+    case connection_table::ReaderUse::exclusive: flags |= SCARD_STATE_EXCLUSIVE; break;
+    }
+    return flags;
+}
+
 // Fills one record from its reader's present state. Returns true if the
-// state differs from what the host said it knows (dwCurrentState).
+// state differs from what the host said it knows (dwCurrentState), and only
+// then marks the record SCARD_STATE_CHANGED. The high 16 bits carry the
+// reader's count of card events; a host that gives a count of its own sees
+// a change when the count moved, so a card swapped between two calls is not
+// missed. A host that knows nothing (SCARD_STATE_UNAWARE) always sees one.
 template <typename Record>
 bool refreshRecord(Record& record)
 {
@@ -99,12 +131,12 @@ bool refreshRecord(Record& record)
     Reader* reader = Form::find(record.szReader).reader;
     if (reader == nullptr) return false;
 
-    record.dwEventState = SCARD_STATE_CHANGED;
-    // The state is read first and the ATR after it. The ATR comes out as
-    // one whole value, never the bytes of one card with the length of
-    // another, even while the status thread stores a new one.
+    // The count and the state are read first and the ATR after them. The
+    // ATR comes out as one whole value, never the bytes of one card with
+    // the length of another, even while the status thread stores a new one.
+    const uint32_t events = reader->eventCount() & 0xFFFF;
     const uint32_t state = reader->cardState();
-    if ((state & kStateCard) != 0) {
+    if (state == kStateCard) {
         const Atr atr = reader->atrValue();
         std::memcpy(record.rgbAtr, atr.bytes, atr.length);
         record.cbAtr = atr.length;
@@ -112,20 +144,12 @@ bool refreshRecord(Record& record)
         record.cbAtr = 0;
     }
 
+    const DWORD flags = readerFlags(*reader, state);
     const DWORD known = record.dwCurrentState;
-    bool changed = false;
-    if ((state & kStateNoCard) != 0) {
-        record.dwEventState |= SCARD_STATE_EMPTY;
-        if ((known & SCARD_STATE_PRESENT) != 0) changed = true;
-    } else if ((state & kStateCard) != 0) {
-        record.dwEventState |= SCARD_STATE_PRESENT;
-        if ((known & SCARD_STATE_EMPTY) != 0) changed = true;
-        if ((state & 0x08) != 0) {
-            record.dwEventState |= SCARD_STATE_MUTE;
-            if ((known & SCARD_STATE_MUTE) != 0) changed = true;
-        }
-    }
-    if (known == SCARD_STATE_UNAWARE) changed = true;
+    const DWORD knownEvents = (known >> 16) & 0xFFFF;
+    bool changed = known == SCARD_STATE_UNAWARE || (flags & kComparedFlags) != (known & kComparedFlags);
+    if (knownEvents != 0 && knownEvents != events) changed = true;
+    record.dwEventState = (static_cast<DWORD>(events) << 16) | flags | (changed ? SCARD_STATE_CHANGED : 0);
     return changed;
 }
 
@@ -137,6 +161,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     // trace is in the log always reaches this call.
     CancellableWait wait(context);
     logWrite(Form::entry);
+    if (!connection_table::isLiveContext(context)) return SCARD_E_INVALID_HANDLE;
     if (records == nullptr && count > 0) return SCARD_E_INVALID_PARAMETER;
     if (count == 0) return SCARD_S_SUCCESS;
 
@@ -164,12 +189,14 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     // reader, a rack reset and a cancel all wake; without a wake it sleeps
     // to the end of its limit. The generation is taken before the pass, so
     // a change made during the pass ends the sleep at once.
-    // Where DWORD is wider than 32 bits (pcsc-lite's ABI on 64-bit Linux),
-    // a time-out past the 32-bit range cannot be counted on the tick
-    // counter; it is taken as INFINITE, as (DWORD)-1 from such a client
-    // means, rather than cut to whatever its low bits say.
+    // INFINITE waits until a change, a cancel or the release of the
+    // context (which cancels). Where DWORD is wider than 32 bits
+    // (pcsc-lite's ABI on 64-bit Linux), a time-out past the 32-bit range
+    // cannot be counted on the tick counter; it is taken as INFINITE, as
+    // (DWORD)-1 from such a client means, rather than cut to whatever its
+    // low bits say.
     const bool infinite = dwTimeout == INFINITE || dwTimeout > 0xFFFFFFFFu;
-    const uint32_t limitMs = infinite ? kInfiniteWaitMs : static_cast<uint32_t>(dwTimeout);
+    const uint32_t limitMs = infinite ? 0 : static_cast<uint32_t>(dwTimeout);
     const uint32_t start = platform::tickCount();
     platform::Signal& events = cardEvents();
     for (;;) {
@@ -186,6 +213,11 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
             if (refreshRecord(records[i])) changed = true;
         }
         if (changed) return SCARD_S_SUCCESS;
+        if (infinite) {
+            // The limit only bounds a wait whose wake-up went astray.
+            events.wait(seen, kInfiniteRecheckMs);
+            continue;
+        }
         const uint32_t elapsedMs = platform::tickCount() - start;
         if (elapsedMs >= limitMs) return SCARD_E_TIMEOUT;
         events.wait(seen, limitMs - elapsedMs);

@@ -4,7 +4,7 @@
 
 #include "diag/text.h"
 #include "diag/trace_log.h"
-#include "pcsc/lookups.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/winscard_api.h"
 #include "reader/exchange.h"
 
@@ -31,16 +31,22 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_I
                  decimalText(static_cast<uint32_t>(*pcbRecvLength)) + "\n");
         return SCARD_E_INSUFFICIENT_BUFFER;
     }
-    const RackReader found = findReaderByCardHandle(hCard);
-    if (found.reader == nullptr) return SCARD_E_INVALID_HANDLE;
+    // Waits while another handle holds a transaction on the reader. A card
+    // that left or was reset since the connect is reported, and nothing is
+    // sent, until the host reconnects.
+    connection_table::Connection connection;
+    const LONG entered = connection_table::enter(hCard, connection);
+    if (entered != SCARD_S_SUCCESS) return entered;
 
     // The size of the host's buffer; the answer never goes past it.
-    const ExchangeResult result = exchange(*found.rack, *found.reader, pbSendBuffer,
+    const ExchangeResult result = exchange(*connection.rack, *connection.reader, pbSendBuffer,
                                            static_cast<uint32_t>(cbSendLength), pbRecvBuffer,
-                                           static_cast<uint32_t>(*pcbRecvLength));
+                                           static_cast<uint32_t>(*pcbRecvLength), connection.cardEvents);
     switch (result.outcome) {
     case ExchangeOutcome::notSent:
         return SCARD_E_TIMEOUT;
+    case ExchangeOutcome::cardGone:
+        return SCARD_W_REMOVED_CARD;
     case ExchangeOutcome::noAnswer:
         *pcbRecvLength = result.answerLength;
         return SCARD_E_TIMEOUT;

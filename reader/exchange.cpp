@@ -13,6 +13,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "link/rack_frame.h"
 #include "platform/clock.h"
 #include "reader/mailbox.h"
 #include "reader/reader.h"
@@ -59,7 +60,7 @@ bool waitForSend(Reader* reader)
 }
 
 // Waits for the answer, asleep between tests: the reader's signal wakes it
-// when a frame lands in the incoming mailbox. This wait is the one place
+// when a frame lands in the incoming mailbox, and when the card leaves. This wait is the one place
 // where an exchange learns of its answer. The clock is the tick counter in
 // whole seconds, so the wait ends when 40 second boundaries have been
 // crossed since the start: 39 to 40 s. The count of boundaries comes from
@@ -67,7 +68,9 @@ bool waitForSend(Reader* reader)
 // difference, so the wait also ends across the 32-bit wrap of the counter.
 // Without a wake it sleeps exactly until the last boundary. `lastTick`
 // receives the last reading of the clock.
-bool waitForAnswer(Reader* reader, uint32_t& lastTick)
+enum class AnswerWait { answered, timedOut, cardGone };
+
+AnswerWait waitForAnswer(Reader* reader, uint32_t cardEvents, uint32_t& lastTick)
 {
     const uint32_t start = platform::tickCount();
     const uint64_t startPhase = start % 1000;
@@ -75,10 +78,12 @@ bool waitForAnswer(Reader* reader, uint32_t& lastTick)
     lastTick = start;
     for (;;) {
         const uint32_t seen = reader->activity.generation();
-        if (reader->mailboxFull(false, true) != 0) return true;
+        if (reader->mailboxFull(false, true) != 0) return AnswerWait::answered;
+        // A card change wakes the reader's signal too.
+        if (reader->eventCount() != cardEvents) return AnswerWait::cardGone;
         lastTick = platform::tickCount();
         const uint64_t reachedMs = startPhase + static_cast<uint32_t>(lastTick - start);
-        if (reachedMs / 1000 >= kAnswerWaitSeconds) return false;
+        if (reachedMs / 1000 >= kAnswerWaitSeconds) return AnswerWait::timedOut;
         reader->activity.wait(seen, static_cast<uint32_t>(limitMs - reachedMs));
     }
 }
@@ -93,10 +98,18 @@ void locateAnswer(uint32_t frameLength, uint32_t& dataLength, uint32_t& offset)
     offset = dataLength > 255 ? kExtendedDataOffset : kShortDataOffset;
 }
 
+// A frame of status 1 (no card) or 3 (mute) is what a slot sends when the
+// card has left or stopped answering; it carries no answer.
+bool tellsOfLostCard(const uint8_t* frame)
+{
+    const uint8_t status = frameStatus(frame);
+    return frame[3] != RackFrame::extendedMarker && (status == 1 || status == 3);
+}
+
 }  // namespace
 
 ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint32_t length, uint8_t* answer,
-                        uint32_t capacity)
+                        uint32_t capacity, uint32_t cardEvents)
 {
     logWrite(reader.name + " Transmit - " + tracedBytes(TracedBytes::command, command, static_cast<int32_t>(length)) + "\n");
     // One exchange with the slot at a time: a second host thread on the
@@ -120,10 +133,14 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
     logWrite("Has sent\n");
 
     uint32_t lastTick = 0;
-    const bool answered = waitForAnswer(&reader, lastTick);
+    const AnswerWait wait = waitForAnswer(&reader, cardEvents, lastTick);
     reader.blocked.store(0);
 
-    if (!answered) {
+    if (wait == AnswerWait::cardGone) {
+        rack.unlockIfHeldBy(reader.address);
+        logWrite(reader.name + " Card gone\n");
+        result.outcome = ExchangeOutcome::cardGone;
+    } else if (wait == AnswerWait::timedOut) {
         rack.unlockIfHeldBy(reader.address);
         logWrite(reader.name + " Timeout - " + decimalText(lastTick / 1000) + "uSec\n");
         result.outcome = ExchangeOutcome::noAnswer;
@@ -134,6 +151,12 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
         uint32_t offset = 0;
         locateAnswer(frameLength, dataLength, offset);
         result.outcome = ExchangeOutcome::answered;
+        if (tellsOfLostCard(frame)) {
+            logWrite(reader.name + " Card gone\n");
+            reader.clearIncoming();
+            result.outcome = ExchangeOutcome::cardGone;
+            return result;
+        }
         if (dataLength == 0) {
             // A frame without data ends the exchange like a time-out. The
             // trace has no line end; the answer line runs on behind it.

@@ -16,6 +16,9 @@ enum class ExchangeOutcome {
     notSent,
     // No answer within the wait, or an answer without data.
     noAnswer,
+    // The card left the slot (or turned mute, or was swapped) before its
+    // answer came: the exchange ends at once instead of waiting it out.
+    cardGone,
 };
 
 struct ExchangeResult {
@@ -26,6 +29,7 @@ struct ExchangeResult {
 
 // Sends `command` (at most 255 bytes) and copies at most `capacity` bytes
 // of the answer to `answer`. Holds the reader's turn for the whole
-// exchange.
+// exchange. `cardEvents` is the reader's event count that the caller's
+// connection knows: once the count moves past it, the card is gone.
 ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint32_t length, uint8_t* answer,
-                        uint32_t capacity);
+                        uint32_t capacity, uint32_t cardEvents);

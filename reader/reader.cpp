@@ -9,9 +9,6 @@
 #include "platform/clock.h"
 #include "platform/global_order.h"
 
-CONSTRUCTED_BEFORE_STARTUP(203) std::vector<uint32_t> g_cardHandles;
-CONSTRUCTED_BEFORE_STARTUP(203) platform::ExclusiveLock g_cardHandlesLock;
-
 platform::Signal& cardEvents()
 {
     // Never destroyed, so that a host thread still waiting while the
@@ -20,14 +17,8 @@ platform::Signal& cardEvents()
     return *signal;
 }
 
-void forgetCardHandles()
-{
-    platform::LockGuard guard(g_cardHandlesLock);
-    g_cardHandles.clear();
-}
-
 Reader::Reader(uint32_t address, std::string serial)
-    : address(address), handle(newHandle()), name("Tessel " + serial + " R" + decimalText(address))
+    : address(address), name("Tessel " + serial + " R" + decimalText(address))
 {
 }
 
@@ -67,27 +58,6 @@ uint32_t Reader::wideName(std::wstring& out) const
     return 0;
 }
 
-uint32_t Reader::newHandle()
-{
-    // The uniqueness test and the append stay together under the lock, so
-    // two racks enumerating at once never draw the same handle. rand()
-    // yields at most 32,768 values against at most 240 slots a rack.
-    platform::LockGuard guard(g_cardHandlesLock);
-    for (;;) {
-        uint32_t candidate = ~static_cast<uint32_t>(std::rand() % 0x7FFFFFFF);
-        bool taken = false;
-        for (uint32_t existing : g_cardHandles)
-            if (existing == candidate) {
-                taken = true;
-                break;
-            }
-        if (!taken) {
-            g_cardHandles.push_back(candidate);
-            return candidate;
-        }
-    }
-}
-
 FT_STATUS Reader::send(FT_HANDLE device)
 {
     uint8_t frame[Mailbox::capacity] = {};
@@ -114,20 +84,26 @@ FT_STATUS Reader::send(FT_HANDLE device)
 
 // Only the frames up to the one that told of the change are forgotten: an
 // answer that landed behind it is still the waiting exchange's.
-void Reader::cardInserted(Atr value, uint32_t frameNumber)
-{
-    atr_.store(value);
-    cardState_.store(kStateCard, std::memory_order_release);
-    if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
-    cardEvents().notify();
-}
+void Reader::cardInserted(Atr value, uint32_t frameNumber) { changeCard(value, kStateCard, frameNumber); }
 
 void Reader::cardRemoved(bool mute, uint32_t frameNumber)
 {
-    atr_.store(Atr());
-    cardState_.store(mute ? kStateMuteCard : kStateNoCard, std::memory_order_release);
+    changeCard(Atr(), mute ? kStateMuteCard : kStateNoCard, frameNumber);
+}
+
+void Reader::changeCard(const Atr& value, uint32_t state, uint32_t frameNumber)
+{
+    const Atr before = atr_.load();
+    const bool changed = cardState_.load(std::memory_order_acquire) != state || before.length != value.length ||
+                         std::memcmp(before.bytes, value.bytes, value.length) != 0;
+    atr_.store(value);
+    cardState_.store(state, std::memory_order_release);
+    // Only the status thread writes the card, so a load and a store suffice.
+    if (changed) eventCount_.store(eventCount_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
     cardEvents().notify();
+    // An exchange waiting on this slot learns at once that its card went.
+    if (changed) activity.notify();
 }
 
 void Reader::takeTurn()

@@ -1,6 +1,7 @@
 // One card slot of a rack: what the PC/SC side calls a reader. It holds the
-// slot's name, its card handle, its card state and ATR, and the two
-// mailboxes through which every message to and from the slot passes.
+// slot's name, its card state and ATR with a count of card events, and the
+// two mailboxes through which every message to and from the slot passes.
+// Card handles belong to connections, which the PC/SC layer keeps.
 // Created when the master reports the slot, never destroyed while the
 // library runs.
 #pragma once
@@ -16,14 +17,6 @@
 #include "platform/thread_safety.h"
 #include "reader/atr.h"
 #include "reader/mailbox.h"
-
-// Every card handle drawn so far in the process, shared by all racks, with
-// the lock that keeps the uniqueness test and the append together.
-extern platform::ExclusiveLock g_cardHandlesLock;
-extern std::vector<uint32_t> g_cardHandles GUARDED_BY(g_cardHandlesLock);
-
-// Forgets every handle drawn (the stop path and tests).
-void forgetCardHandles();
 
 // Wakes the host threads that wait in a status change: it is notified when
 // a reader's card state changes, when a rack adds a reader or resets, and
@@ -79,6 +72,12 @@ public:
     void cardInserted(Atr value, uint32_t frameNumber = kAllFrames);
     void cardRemoved(bool mute, uint32_t frameNumber = kAllFrames);
     static constexpr uint32_t kAllFrames = 0;
+    // Card events of this slot so far: an insertion, a removal, a card that
+    // turns mute or speaks again, a new ATR. It moves on only when the state
+    // or the ATR really changes, so a status that repeats what is known is
+    // no event. Connections note it, and a connection whose count is behind
+    // has lost its card; status-change calls report it in their high bits.
+    uint32_t eventCount() const { return eventCount_.load(std::memory_order_acquire); }
 
     // Two host threads that exchange with the same slot would share one
     // pair of mailboxes and could take each other's answers. Every host
@@ -88,8 +87,9 @@ public:
     // first is done.
     void takeTurn();
     void giveTurn();
-
-    static uint32_t newHandle() EXCLUDES(g_cardHandlesLock);
+    // True while a host call holds the turn: an exchange or a protocol
+    // selection waits for the slot's reply.
+    bool turnHeld() const { return turn_.load(std::memory_order_acquire) != 0; }
 
     // Fields, in the order of the reader record.
     SharedAtr atr_;
@@ -99,7 +99,6 @@ public:
     std::atomic<uint32_t> protocol_{0};
     const uint32_t address;
     std::atomic<uint32_t> hasSent_{0};
-    const uint32_t handle;
     const std::string name;
     std::atomic<uint32_t> protocolMask{0};
     std::atomic<uint32_t> blocked{0};
@@ -119,7 +118,12 @@ public:
     platform::Signal activity;
 
 private:
+    // Stores a new card state and ATR; moves the event count on if either
+    // differs from what was there.
+    void changeCard(const Atr& value, uint32_t state, uint32_t frameNumber);
+
     std::atomic<uint32_t> turn_{0};
+    std::atomic<uint32_t> eventCount_{0};
 };
 
 // Holds a reader's turn for the life of the object.

@@ -4,6 +4,8 @@
 // the status-collected frame when all have answered.
 #include "reader/status_worker.h"
 
+#include <cstring>
+
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
@@ -21,6 +23,17 @@ enum : uint8_t {
     kStatusNoEvent4 = 4,
     kStatusCardData = 5,
 };
+
+// A status with an ATR other than the stored one is a card swapped between
+// two messages: the slot never reported the old card gone. While a host
+// call holds the slot's turn the frame may be the answer to its command
+// instead, whose data is no ATR, so then only an empty slot takes it.
+bool isOtherCard(const Reader& reader, const Atr& offered)
+{
+    if (offered.length == 0 || reader.turnHeld()) return false;
+    const Atr known = reader.atrValue();
+    return known.length != offered.length || std::memcmp(known.bytes, offered.bytes, offered.length) != 0;
+}
 
 }  // namespace
 
@@ -74,9 +87,10 @@ void takeReaderStatus(Rack& rack, Reader& reader)
     }
 
     if (extended || status == kStatusCardData) {
-        if (reader.atrLength() == 0) {
+        const Atr offered(frame + 4, frame[2]);
+        if (reader.atrLength() == 0 || isOtherCard(reader, offered)) {
             logWrite(reader.name + ": New card found\n");
-            reader.cardInserted(Atr(frame + 4, frame[2]), frameNumber);
+            reader.cardInserted(offered, frameNumber);
         }
         return;
     }

@@ -15,6 +15,11 @@
 #   scripts/bench.sh --load     only the waiting calls and the scaling of
 #                               short exchanges from 1 to 64 threads, with
 #                               their targets (about 70 s; not published)
+#   scripts/bench.sh --connections
+#                               only contexts and connections: context pairs
+#                               per second, pcsc-lite's ThreadSafeConnect
+#                               pattern and cold connects (about 10 s; not
+#                               published)
 #   scripts/bench.sh --wine [32|64|both]
 #                               the same for the Windows DLL under Wine
 #                               (default 32-bit; about 80 s per build once
@@ -41,18 +46,19 @@ while [ $# -gt 0 ]; do
     --publish) publish=yes ;;
     --quick) quick=(--quick) ;;
     --load) only=(--load-only) ;;
+    --connections) only=(--connections-only) ;;
     --wine)
       case "${2:-}" in
         32 | 64) wine_bits=("$2"); shift ;;
         both) wine_bits=(32 64); shift ;;
         *) wine_bits=(32) ;;
       esac ;;
-    *) echo "usage: $0 [--quick] [--publish | --load | --wine [32|64|both]]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--quick] [--publish | --load | --connections | --wine [32|64|both]]" >&2; exit 2 ;;
   esac
   shift
 done
 if [ "$publish" = yes ] && { [ ${#only[@]} -gt 0 ] || [ ${#wine_bits[@]} -gt 0 ]; }; then
-  echo "bench: --load and --wine make partial reports; they are not published" >&2
+  echo "bench: --load, --connections and --wine make partial reports; they are not published" >&2
   exit 2
 fi
 

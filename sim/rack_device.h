@@ -78,6 +78,9 @@ public:
 
     // Control side.
     bool openFails = false;
+    // FT_SetLatencyTimer fails with FT_OTHER_ERROR, as a driver that does not
+    // support the call does.
+    bool refusesLatencyTimer = false;
     Slot& slot(int address) { return slots_[address - 1]; }
     void cardChanged(int address, Nanos now);  // sends the unsolicited status
     // A virtual card's answer to a command: the answer frame goes on the

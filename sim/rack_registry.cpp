@@ -141,6 +141,7 @@ FT_STATUS hostSetLatencyTimer(FT_HANDLE handle, uint8_t milliseconds)
     RackDevice* device = byHandle(handle);
     if (!device) return FT_INVALID_HANDLE;
     if (milliseconds < 1) return FT_INVALID_PARAMETER;
+    if (device->refusesLatencyTimer) return FT_OTHER_ERROR;
     Nanos now = clockNow();
     device->advance(now);
     device->hostSetLatencyTimer(static_cast<Nanos>(milliseconds) * kMillisecond);

@@ -156,6 +156,10 @@ RACKSIM_API void RACKSIM_CALL rackSimSetLatencyTimerMs(int device, unsigned mill
  * unknown device. */
 RACKSIM_API int RACKSIM_CALL rackSimLatencyTimerMs(int device);
 
+/* While set, FT_SetLatencyTimer on this device fails with FT_OTHER_ERROR
+ * and leaves the driver's timer, as a driver without the call does. */
+RACKSIM_API void RACKSIM_CALL rackSimRefuseLatencyTimer(int device, int refuse);
+
 /* ---- Observation -------------------------------------------------------- */
 
 /* The line settings the host made since it opened the device: the rate of

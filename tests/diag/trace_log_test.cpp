@@ -242,7 +242,9 @@ TEST_P(TraceOfSecrets, RedactKeepsHeadsAndStatusWordsOnly)
 
     SCARDHANDLE handle = 0;
     DWORD active = 0;
-    ASSERT_EQ(SCardConnectA(1, "Tessel A1 R1", SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle, &active),
+    SCARDCONTEXT context = 0;
+    ASSERT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context), SCARD_S_SUCCESS);
+    ASSERT_EQ(SCardConnectA(context, "Tessel A1 R1", SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle, &active),
               SCARD_S_SUCCESS);
     const BYTE verify[] = {0x00, 0x20, 0x00, 0x01, 0x08, '1', '2', '3', '4', '5', '6', '7', '8'};
     BYTE received[32];

@@ -1,9 +1,10 @@
-// Contexts: SCardEstablishContext with and without racks, the rack question
-// behind SCardIsValidContext, SCardReleaseContext and SCardReset. A rack
+// Contexts: SCardEstablishContext with and without racks, live contexts
+// and SCardIsValidContext, SCardReleaseContext and SCardReset. A rack
 // that never finishes its bring-up is in tests/robustness (MasterFaults).
 #include "pcsc_test_support.h"
 
 #include <cstdlib>
+#include <set>
 
 namespace pcsc_test {
 namespace {
@@ -12,20 +13,22 @@ using ContextsTest = test_support::RackFixture;
 
 const std::vector<uint8_t> kResetFrame = {0x55, 0x00, 0x00, 0xF0, 0xBB};
 
-TEST_F(ContextsTest, EstablishWithEnumeratedRacksAndReleaseOfAnyValue)
+TEST_F(ContextsTest, EstablishWithEnumeratedRacksAndReleaseOfLiveContextsOnly)
 {
     addRack("A1", 2);
     startLibrary(1);
 
+    std::vector<SCARDCONTEXT> contexts;
     for (DWORD scope : {DWORD(SCARD_SCOPE_USER), DWORD(SCARD_SCOPE_SYSTEM), DWORD(3)}) {
         clearLog();
         SCARDCONTEXT context = 0xFFFFFFFF;
         ASSERT_EQ(SCardEstablishContext(scope, nullptr, nullptr, &context), SCARD_S_SUCCESS) << scope;
-        // A draw of rand modulo 0x7FFFFFFF: never negative as a signed number.
-        EXPECT_GE(static_cast<int32_t>(context), 0);
+        // 31 bits, never 0: positive as a signed number in every client.
+        EXPECT_GT(static_cast<int32_t>(context), 0);
         // The racks were ready: no time-out entry.
         EXPECT_EQ(logText(), "Hit Establish Context\nSCardEstablishContext " + std::to_string(context) +
                                  "\nSuccess\n");
+        contexts.push_back(context);
     }
 
     // A scope above three: refused, with a zero context; a null pointer too.
@@ -36,38 +39,42 @@ TEST_F(ContextsTest, EstablishWithEnumeratedRacksAndReleaseOfAnyValue)
     EXPECT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, nullptr), SCARD_E_INVALID_PARAMETER);
     EXPECT_EQ(logText(), "Hit Establish Context\nInvalid value.\nHit Establish Context\n");
 
-    // Release takes any value and changes nothing: a released context is as
-    // valid as any other number.
+    // Only a live context is valid and can be released, once.
     clearLog();
-    EXPECT_EQ(SCardReleaseContext(0xFFFFFFFB), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardReleaseContext(42), SCARD_S_SUCCESS);
-    EXPECT_EQ(SCardIsValidContext(42), SCARD_S_SUCCESS);
-    EXPECT_EQ(logText(), "Release Context -5\nRelease Context 42\nchecking context is valid: \nVALID CONTEXT\n");
+    EXPECT_EQ(SCardIsValidContext(contexts[0]), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardReleaseContext(contexts[0]), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardIsValidContext(contexts[0]), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardReleaseContext(contexts[0]), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardReleaseContext(42), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardIsValidContext(contexts[1]), SCARD_S_SUCCESS);
+    const std::string first = std::to_string(contexts[0]);
+    const std::string second = std::to_string(contexts[1]);
+    EXPECT_EQ(logText(), "checking context is valid: \nVALID CONTEXT\nRelease Context " + first +
+                             "\nchecking context is valid: \nINVALID CONTEXT\nRelease Context " + first +
+                             "\nRelease Context 42\nchecking context is valid: \nVALID CONTEXT\n");
+    SCardReleaseContext(contexts[1]);
+    SCardReleaseContext(contexts[2]);
 }
 
-// A value held by a live context is drawn again; once released it can be
-// handed out anew. The generator is seeded the same way before each draw.
-TEST_F(ContextsTest, NoTwoLiveContextsShareAValue)
+// Contexts come from the system's random source: the C library's generator
+// seeded alike before each establish changes nothing, no two live contexts
+// are equal, and none is 0.
+TEST_F(ContextsTest, ContextsAreUnpredictableAndUnique)
 {
     addRack("A1", 1);
     startLibrary(1);
-    auto establishAfterSeed = [] {
+    std::set<SCARDCONTEXT> seen;
+    for (int i = 0; i < 200; ++i) {
         std::srand(7);
         SCARDCONTEXT context = 0;
-        EXPECT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context), SCARD_S_SUCCESS);
-        return context;
-    };
-
-    const SCARDCONTEXT first = establishAfterSeed();
+        ASSERT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context), SCARD_S_SUCCESS);
+        EXPECT_NE(context, 0);
+        seen.insert(context);
+    }
+    EXPECT_EQ(seen.size(), 200u);
     std::srand(7);
-    EXPECT_EQ(static_cast<SCARDCONTEXT>(std::rand()), first) << "the first context is the first draw";
-    clearLog();
-    const SCARDCONTEXT second = establishAfterSeed();
-    EXPECT_NE(second, first);
-    EXPECT_EQ(logText(), "Hit Establish Context\nSCardEstablishContext " + std::to_string(second) + "\nSuccess\n");
-
-    EXPECT_EQ(SCardReleaseContext(first), SCARD_S_SUCCESS);
-    EXPECT_EQ(establishAfterSeed(), first);
+    EXPECT_EQ(seen.count(static_cast<SCARDCONTEXT>(std::rand())), 0u);
+    for (SCARDCONTEXT context : seen) EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
 }
 
 TEST_F(ContextsTest, WithoutRacksEstablishWaitsOutItsLimitAndStillSucceeds)
@@ -82,7 +89,7 @@ TEST_F(ContextsTest, WithoutRacksEstablishWaitsOutItsLimitAndStillSucceeds)
     // so "Success" runs on in the same line.
     EXPECT_NE(test_support::withEstablishSeconds(logText()).find("Time: 16Success\n"), std::string::npos) << logText();
 
-    // No unfinished rack: the context counts as valid.
+    // The context is live all the same.
     EXPECT_EQ(SCardIsValidContext(context), SCARD_S_SUCCESS);
     clearLog();
     SCardReset();
@@ -94,6 +101,7 @@ TEST_F(ContextsTest, ResetSendsTheResetFrameToEveryRackAndKeepsTheirReaders)
     int first = addRack("A1", 2);
     int second = addRack("B2", 1);
     startLibrary(2);
+    const SCARDCONTEXT context = testContext();
     rackSimClearWireLog(first);
     rackSimClearWireLog(second);
     clearLog();
@@ -105,9 +113,9 @@ TEST_F(ContextsTest, ResetSendsTheResetFrameToEveryRackAndKeepsTheirReaders)
     EXPECT_EQ(logText(), "Reset racks\n"
                          "reset\nResettingRack: 55 00 00 f0 bb \nreset\nResettingRack: 55 00 00 f0 bb \n");
     // No enumeration follows: the racks stay enumerated with their readers.
-    EXPECT_EQ(SCardIsValidContext(0), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardIsValidContext(context), SCARD_S_SUCCESS);
     DWORD size = 0;
-    EXPECT_EQ(SCardListReadersA(0, nullptr, nullptr, &size), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardListReadersA(context, nullptr, nullptr, &size), SCARD_S_SUCCESS);
     EXPECT_EQ(size, 3u * 13u + 1u);
 }
 

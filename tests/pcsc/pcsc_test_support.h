@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "link/rack.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
 #include "reader/reader.h"
@@ -103,14 +104,29 @@ inline std::vector<std::vector<uint8_t>> commandsTo(const std::vector<std::vecto
     return frames;
 }
 
-inline SCARDHANDLE connectTo(const std::string& name, DWORD preferred = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1)
+// A live context for the tests of this process: established on first use
+// (and again after a test released it), kept across tests. Call it once the
+// racks are up, before the log is cleared: establishing traces.
+inline SCARDCONTEXT testContext()
+{
+    static SCARDCONTEXT context = 0;
+    if (context == 0 || !connection_table::isLiveContext(context))
+        EXPECT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context), SCARD_S_SUCCESS);
+    return context;
+}
+
+inline SCARDHANDLE connectTo(const std::string& name, DWORD preferred = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1,
+                             DWORD shareMode = SCARD_SHARE_SHARED)
 {
     SCARDHANDLE handle = 0;
     DWORD active = 0;
-    EXPECT_EQ(SCardConnectA(1, name.c_str(), SCARD_SHARE_SHARED, preferred, &handle, &active), SCARD_S_SUCCESS)
+    EXPECT_EQ(SCardConnectA(testContext(), name.c_str(), shareMode, preferred, &handle, &active), SCARD_S_SUCCESS)
         << name;
     return handle;
 }
+
+// A direct connection: for readers without a usable card too.
+inline SCARDHANDLE connectDirect(const std::string& name) { return connectTo(name, 0, SCARD_SHARE_DIRECT); }
 
 // The example ATRs: T=1 alone; T=0 then T=1; none.
 inline std::vector<uint8_t> atrOnlyT1() { return {0x3B, 0x80, 0x01}; }
@@ -133,8 +149,22 @@ protected:
             const std::string name = readerName("A1", muteAddress);
             ASSERT_TRUE(waitUntil([&] { return readerNamed(name)->cardState() == kStateMuteCard; }));
         }
+        testContext();
         rackSimClearWireLog(device_);
         clearLog();
+    }
+
+    // Lets the status thread take the frames a test's connects left behind
+    // (it traces them), so that a log cleared afterwards holds only what
+    // follows.
+    void settle()
+    {
+        for (Rack* rack : {rackOf(readerName("A1", 1))}) {
+            const GrowingList<Reader*>& readers = rack->readers();
+            for (size_t i = 0; i < readers.size(); ++i)
+                EXPECT_TRUE(waitUntil([&] { return readers[i]->incoming.unread.load() == 0; }));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 
     int device_ = -1;

@@ -24,6 +24,7 @@ protected:
         startRack({atrOnlyT1()});
         handle_ = connectTo("Tessel A1 R1", SCARD_PROTOCOL_T1);
         rack_ = rackOf("Tessel A1 R1");
+        settle();
         rackSimClearWireLog(device_);
         clearLog();
     }
@@ -168,6 +169,31 @@ TEST_F(TransmitTest, TheAnswerWaitEndsAcrossTheWrapOfTheTickCounter)
     ASSERT_NE(at, std::string::npos);
     unsigned long seconds = std::stoul(text.substr(at + std::string("Tessel A1 R1 Timeout - ").size()));
     EXPECT_LT(seconds, 100u) << text.substr(at);
+}
+
+// The card leaves while its command is at work: the transmit ends at once
+// with the card gone instead of waiting out its answer wait, and nothing
+// more goes to the slot on that handle.
+TEST_F(TransmitTest, ACardTakenOutDuringATransmitEndsItAtOnce)
+{
+    startReaders();
+    // The card would work longer than the whole answer wait.
+    rackSimSetCardDelayMs(device_, 1, 40000 / kTimeScale + 2000);
+    Guarded<BYTE> answer(16);
+    DWORD length = 0;
+    LONG result = 0;
+    std::thread caller([&] { result = transmit(handle_, kSelect, answer, length); });
+    ASSERT_TRUE(waitUntil([&] { return readerNamed("Tessel A1 R1")->blocked.load() == 1; }));
+    rackSimRemoveCard(device_, 1);
+    caller.join();
+    EXPECT_EQ(result, SCARD_W_REMOVED_CARD);
+    EXPECT_TRUE(answer.untouched());
+    EXPECT_EQ(logText().find("Timeout"), std::string::npos) << logText();
+    EXPECT_NE(logText().find("Tessel A1 R1 Card gone\n"), std::string::npos) << logText();
+
+    rackSimClearWireLog(device_);
+    EXPECT_EQ(transmit(handle_, kSelect, answer, length), SCARD_W_REMOVED_CARD);
+    EXPECT_TRUE(commandsTo(wireLog(device_), 1).empty());
 }
 
 TEST_F(TransmitTest, TwoThreadsOnOneReaderEachGetTheirOwnAnswers)

@@ -75,16 +75,43 @@ TEST_F(CardState, InsertRemoveMuteAndBackFollowTheRackEvents)
     EXPECT_NE(log.find("Tessel CS R1: New card found\n", removed), std::string::npos);
 }
 
-TEST_F(CardState, CardDataWhileAnAtrIsStoredChangesAndTracesNothing)
+// A status with the ATR already stored repeats what is known: no trace, no
+// event. One with another ATR is a card swapped between two messages: the
+// new ATR is stored and counted as an event, like every insertion, removal
+// and mute change, and only those.
+TEST_F(CardState, CardDataWithAnotherAtrIsANewCardAndEveryChangeIsCounted)
 {
     startRack(1);
     insertCard(device_, 1, {0x3B, 0x00});
     ASSERT_TRUE(stateIs(1, kStateCard));
     clearLog();
-    deliver(slotFrame(1, 0x05, {0x3B, 0x99, 0x99}));
-    deliver(slotFrame(1, 0x45, {0x3B, 0x77}));  // top bits play no part: status 5
-    EXPECT_EQ(atrOf(1), (Bytes{0x3B, 0x00}));
-    EXPECT_EQ(logText().find("New card found"), std::string::npos);
+    const uint32_t start = reader(1)->eventCount();
+    struct Row {
+        const char* what;
+        Bytes frame;
+        uint32_t state;
+        Bytes atr;
+        uint32_t events;  // counted since the start
+    };
+    const Row rows[] = {
+        {"the same ATR", slotFrame(1, 0x05, {0x3B, 0x00}), kStateCard, {0x3B, 0x00}, 0},
+        {"another ATR", slotFrame(1, 0x05, {0x3B, 0x99, 0x99}), kStateCard, {0x3B, 0x99, 0x99}, 1},
+        {"top bits play no part: status 5", slotFrame(1, 0x45, {0x3B, 0x77}), kStateCard, {0x3B, 0x77}, 2},
+        {"no event", slotFrame(1, 0x02, {}), kStateCard, {0x3B, 0x77}, 2},
+        {"mute", slotFrame(1, 0x03, {}), kStateMuteCard, {}, 3},
+        {"mute again", slotFrame(1, 0x03, {}), kStateMuteCard, {}, 3},
+        {"speaks again", slotFrame(1, 0x05, {0x3B, 0x77}), kStateCard, {0x3B, 0x77}, 4},
+        {"removed", slotFrame(1, 0x01, {}), kStateNoCard, {}, 5},
+        {"removed again", slotFrame(1, 0x01, {}), kStateNoCard, {}, 5},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        deliver(row.frame);
+        EXPECT_TRUE(stateIs(1, row.state));
+        EXPECT_EQ(atrOf(1), row.atr);
+        EXPECT_EQ(reader(1)->eventCount() - start, row.events);
+    }
+    EXPECT_EQ(occurrences("Tessel CS R1: New card found\n"), 3u);
 }
 
 TEST_F(CardState, StatusFiveWithoutDataGivesACardWithoutAtrEachTime)

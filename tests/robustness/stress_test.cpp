@@ -4,6 +4,7 @@
 // the bring-up of two racks while host threads already list readers, ask
 // for status changes and establish contexts.
 #include "robustness_support.h"
+#include "pcsc/connection_table.h"
 
 #include <signal.h>
 #include <sys/prctl.h>
@@ -239,6 +240,10 @@ TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
     // A status change on a reader gives an unknown reader until the reader
     // is made, then no card until its status is collected, then the card
     // with its ATR; never back.
+    // The watchers look before the racks are up, so their context cannot
+    // come from SCardEstablishContext, which waits for them.
+    SCARDCONTEXT watchContext = 0;
+    ASSERT_EQ(connection_table::openContext(watchContext), SCARD_S_SUCCESS);
     auto watcher = [&](const std::string name) {
         int stage = 0;  // 0 unknown, 1 empty, 2 present
         ++started;
@@ -246,7 +251,7 @@ TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
             SCARD_READERSTATEA state{};
             state.szReader = name.c_str();
             state.dwCurrentState = SCARD_STATE_UNAWARE;
-            LONG result = SCardGetStatusChangeA(1, 0, &state, 1);
+            LONG result = SCardGetStatusChangeA(watchContext, 0, &state, 1);
             int now = -1;
             if (result == static_cast<LONG>(SCARD_E_UNKNOWN_READER)) {
                 now = 0;
@@ -277,6 +282,7 @@ TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
             if (result != SCARD_S_SUCCESS || static_cast<int32_t>(context) < 0)
                 problem("establish " + std::to_string(result));
             if (afterDiscovery && !allRacksEnumerated()) problem("established before the racks were ready");
+            if (result == SCARD_S_SUCCESS && SCardReleaseContext(context) != SCARD_S_SUCCESS) problem("release");
             ++contexts;
         }
     };

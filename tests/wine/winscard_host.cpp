@@ -123,9 +123,11 @@ void readerStateRecords(Host& host)
     states[1].szReader = "Tessel W1 R2";
     states[2].szReader = "Tessel W2 R1";
     LONG result = host.api.SCardGetStatusChangeA(host.context, 0, states, 3);
-    check(result == SCARD_S_SUCCESS && states[0].dwEventState == (SCARD_STATE_CHANGED | SCARD_STATE_PRESENT) &&
+    // The high 16 bits carry each reader's count of card events.
+    check(result == SCARD_S_SUCCESS &&
+              (states[0].dwEventState & 0xFFFF) == (SCARD_STATE_CHANGED | SCARD_STATE_PRESENT) &&
               std::vector<BYTE>(states[0].rgbAtr, states[0].rgbAtr + states[0].cbAtr) == kAtrT0ThenT1 &&
-              states[1].dwEventState == (SCARD_STATE_CHANGED | SCARD_STATE_EMPTY) && states[1].cbAtr == 0 &&
+              (states[1].dwEventState & 0xFFFF) == (SCARD_STATE_CHANGED | SCARD_STATE_EMPTY) && states[1].cbAtr == 0 &&
               std::vector<BYTE>(states[2].rgbAtr, states[2].rgbAtr + states[2].cbAtr) == kAtrT0,
           "SCardGetStatusChangeA fills three records (0x%08lx; 0x%lx, 0x%lx, %lu ATR bytes)", result,
           states[0].dwEventState, states[1].dwEventState, states[2].cbAtr);
@@ -175,12 +177,12 @@ void handleWidth(Host& host)
     };
     const char* calls[] = {"SCardTransmit", "SCardStatusA", "SCardGetAttrib", "SCardReconnect", "SCardDisconnect"};
     for (int i = 0; i < 5; ++i)
-        check(refusals[i] == (i < 3 ? SCARD_E_INVALID_HANDLE : SCARD_E_READER_UNAVAILABLE),
+        check(refusals[i] == SCARD_E_INVALID_HANDLE,
               "%s refuses the handle 0x%llx (0x%08lx)", calls[i], static_cast<unsigned long long>(alien), refusals[i]);
-    // Contexts hold nothing: any value is taken.
+    // A context value above 32 bits is no context of ours either.
     const SCARDCONTEXT wideContext = host.context | (SCARDCONTEXT(1) << 32);
-    check(api.SCardIsValidContext(wideContext) == SCARD_S_SUCCESS && api.SCardCancel(wideContext) == SCARD_S_SUCCESS,
-          "a context value above 32 bits is taken");
+    check(api.SCardIsValidContext(wideContext) == SCARD_E_INVALID_HANDLE,
+          "a context value above 32 bits is refused");
 #endif
     length = sizeof answer;
     result = api.SCardTransmit(card, api.g_rgSCardT0Pci, command, sizeof command, nullptr, answer, &length);

@@ -238,11 +238,11 @@ WatchResult watchEvents(const Session& session, const std::vector<std::string>& 
     Clock::time_point start = Clock::now();
     double limitMs = seconds * 1000.0;
     for (;;) {
-        // A record that says present-and-mute would wake the call on every
-        // pass for as long as the card stays mute, so the mute flag is not
-        // handed back; empty and present are.
+        // What was seen goes back whole, the event count in the high bits
+        // included, so that the call wakes only for a change (a card that
+        // left and came back between two calls too).
         for (SCARD_READERSTATEA& state : states)
-            state.dwCurrentState = state.dwEventState & (SCARD_STATE_EMPTY | SCARD_STATE_PRESENT);
+            state.dwCurrentState = state.dwEventState & ~DWORD(SCARD_STATE_CHANGED);
         double leftMs = limitMs - millisecondsSince(start);
         if (leftMs <= 0) break;
         DWORD timeout = static_cast<DWORD>(std::min(leftMs, 500.0));

@@ -1,0 +1,10 @@
+#include "platform/process_fork.h"
+
+namespace platform {
+
+// Windows has no fork: every value lives in the process that made it.
+uint32_t processEpoch() { return 0; }
+
+void onFork(void (*)(), void (*)(), void (*)()) {}
+
+}  // namespace platform
