@@ -17,6 +17,15 @@ constexpr int kMostRacks = 16;
 constexpr int kMostSlots = 240;
 constexpr size_t kMostAtrBytes = 32;
 
+// A timed event on the USB bus or at a rack's power switch.
+struct BusEvent {
+    enum class Kind { unplug, plug, powerCycle };
+    Kind kind = Kind::unplug;
+    std::string serial;
+    int atMs = 0;
+    int forMs = 0;  // unplug only: back this long after; 0 stays away
+};
+
 struct RackSetup {
     int racks = 1;
     int slotsPerRack = 4;
@@ -26,6 +35,7 @@ struct RackSetup {
     bool echo = false;             // cards answer with the command itself
     int cardEventAfterMs = 0;      // 0: none; else a card change that long after set-up
     std::vector<VirtualCardSlots> virtualCards;  // slots of TR0001 given over to virtual cards
+    std::vector<BusEvent> busEvents;             // in the order given
 };
 
 // The longest wait for the card change, 10 minutes.
@@ -33,6 +43,8 @@ constexpr int kLongestCardEventMs = 600000;
 
 // The serial number of rack `rack` (from 0): "TR0001", ...
 std::string rackSerial(int rack);
+// The index of the rack of `setup` with this serial number, or -1.
+int rackIndexOf(const RackSetup& setup, const std::string& serial);
 
 // The ATR of a card when none is given: T=0 and T=1 offered, historical
 // bytes "TesselRack", with its check byte.
@@ -56,5 +68,10 @@ int cardEventSlot(const RackSetup& setup);
 // Makes that change `setup.cardEventAfterMs` from now, on a thread of its
 // own, for hosts that watch for card events and cannot make one.
 void startCardEvent(const RackSetup& setup);
+
+// Makes the bus events of `setup` at their times from now, on a thread of
+// their own. Racks that are plugged in later are left out of the device
+// list by buildRacks already.
+void startBusEvents(const RackSetup& setup);
 
 }  // namespace racksim

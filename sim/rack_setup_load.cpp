@@ -36,8 +36,10 @@ struct SetUpFromEnvironment {
         if (text == nullptr) return;
         racksim::RackSetup setup;
         std::string ignored;
-        if (rackSimSetUp(text) > 0 && racksim::parseRackSetupText(text, setup, ignored))
+        if (rackSimSetUp(text) > 0 && racksim::parseRackSetupText(text, setup, ignored)) {
             racksim::startCardEvent(setup);
+            racksim::startBusEvents(setup);
+        }
     }
 } g_setUpFromEnvironment;
 
