@@ -199,6 +199,7 @@ LONG bringUp(Held& held, Rack& rack, Reader& reader, DWORD preferred, bool reset
         const LONG allowed = stillAllowed();
         if (allowed != SCARD_S_SUCCESS) return allowed;
         ReaderHold& hold = held->readers[&reader];
+        if (!reader.available()) return SCARD_E_READER_UNAVAILABLE;
         if (reader.atrLength() == 0) return SCARD_E_NO_SMARTCARD;
         if (!mustPower && poweredNow(hold, reader)) {
             if (!allows(preferred, hold.protocol)) return SCARD_E_PROTO_MISMATCH;
@@ -219,7 +220,7 @@ LONG bringUp(Held& held, Rack& rack, Reader& reader, DWORD preferred, bool reset
         held->changed.notify();
         if (!answered) {
             after.powered = false;
-            return SCARD_W_UNRESPONSIVE_CARD;
+            return reader.available() ? SCARD_W_UNRESPONSIVE_CARD : SCARD_E_READER_UNAVAILABLE;
         }
         // A card that changed while it was selected is powered afresh.
         if (reader.eventCount() != events) continue;

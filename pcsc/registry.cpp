@@ -15,6 +15,7 @@
 #include "platform/clock.h"
 #include "platform/thread.h"
 #include "pcsc/lookups.h"
+#include "pcsc/rack_rescan.h"
 #include "reader/reader.h"
 
 // Constructed in this order: racks, vendor name, card handles, log path.
@@ -53,6 +54,9 @@ unsigned long discoveryThread(void*)
 {
     std::srand(static_cast<unsigned>(static_cast<uint32_t>(std::time(nullptr))));
     discoverRacks();
+    // From here on, racks that come back or are plugged in later are
+    // picked up while the library runs.
+    startRackRescan();
     return 0;
 }
 
@@ -90,20 +94,9 @@ void discoverRacks()
         record.SerialNumber[sizeof record.SerialNumber - 1] = '\0';
         if (std::strcmp(record.Description, kRackDescription) != 0) continue;
         logWrite(std::string("Found device with serial ") + record.SerialNumber + "\n");
-
-        Rack* rack = nullptr;
-        try {
-            rack = new Rack(record.SerialNumber);
-        } catch (int32_t) {
-            continue;  // the device did not open; the next record is still served
-        }
-        if (!rack->connected()) {
-            delete rack;
-            continue;
-        }
-        rack->reset();
-        rack->startEnumeration();
-        g_racks.append(rack);
+        // A device that does not open is passed over; the next record is
+        // still served.
+        bringUpRack(record.SerialNumber);
     }
     if (g_racks.size() == 0) logWrite("No racks found!");
     delete[] records;
@@ -114,8 +107,9 @@ bool allRacksEnumerated()
     size_t count = g_racks.size();
     if (count == 0) return false;
     size_t done = 0;
+    // A rack lost since, or given up, holds up no one.
     for (size_t i = 0; i < count; ++i)
-        if (g_racks[i]->enumerated()) ++done;
+        if (g_racks[i]->enumerated() || g_racks[i]->everLost()) ++done;
     return done == count;
 }
 
@@ -129,6 +123,7 @@ namespace registry_testing {
 void shutdownAllRacks()
 {
     waitForDiscoveryThreads();
+    stopRackRescan();
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) g_racks[i]->stopWorkers();
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) delete g_racks[i];
     g_racks.clear();

@@ -33,6 +33,9 @@ constexpr uint32_t kInfiniteRecheckMs = 60000;
 
 constexpr DWORD kComparedFlags = SCARD_STATE_EMPTY | SCARD_STATE_PRESENT | SCARD_STATE_MUTE | SCARD_STATE_INUSE |
                                  SCARD_STATE_EXCLUSIVE;
+// Compared as well while the reader is unavailable. A reader that is there
+// differs from a host's "unavailable" in its card flags already.
+constexpr DWORD kGoneFlags = SCARD_STATE_UNAVAILABLE | SCARD_STATE_UNKNOWN;
 
 // The pseudo-reader's name, which clients write in any case.
 constexpr char kPnpName[] = "\\\\?PnP?\\Notification";
@@ -48,12 +51,17 @@ bool isPnpName(const Char* name)
     return name[i] == 0;
 }
 
-// The readers of every rack. They are fixed once the racks are up, so the
-// pseudo-reader reports the same number on every pass.
+// The readers a listing would name: every available reader of every rack.
+// It changes when a rack is lost or comes back, when a new rack is added
+// and when a slot leaves or joins a rack's slot map.
 DWORD readerCount()
 {
     DWORD count = 0;
-    for (size_t i = 0, n = g_racks.size(); i < n; ++i) count += static_cast<DWORD>(g_racks[i]->readers().size());
+    for (size_t i = 0, n = g_racks.size(); i < n; ++i) {
+        const GrowingList<Reader*>& readers = g_racks[i]->readers();
+        for (size_t r = 0, m = readers.size(); r < m; ++r)
+            if (readers[r]->available()) ++count;
+    }
     return count;
 }
 
@@ -99,6 +107,9 @@ struct StatusChangeForm<SCARD_READERSTATEW> {
 // connections to it.
 DWORD readerFlags(const Reader& reader, uint32_t cardState)
 {
+    // A reader that is unavailable is also gone from the listing, and is
+    // reported as pcsc-lite reports a reader that was removed.
+    if (!reader.available()) return kGoneFlags;
     DWORD flags = 0;
     if (cardState == kStateNoCard) {
         flags = SCARD_STATE_EMPTY;
@@ -147,7 +158,8 @@ bool refreshRecord(Record& record)
     const DWORD flags = readerFlags(*reader, state);
     const DWORD known = record.dwCurrentState;
     const DWORD knownEvents = (known >> 16) & 0xFFFF;
-    bool changed = known == SCARD_STATE_UNAWARE || (flags & kComparedFlags) != (known & kComparedFlags);
+    const DWORD compared = kComparedFlags | ((flags & kGoneFlags) != 0 ? kGoneFlags : 0);
+    bool changed = known == SCARD_STATE_UNAWARE || (flags & compared) != (known & compared);
     if (knownEvents != 0 && knownEvents != events) changed = true;
     record.dwEventState = (static_cast<DWORD>(events) << 16) | flags | (changed ? SCARD_STATE_CHANGED : 0);
     return changed;
