@@ -31,6 +31,7 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
             } else if (frame[3] == RackFrame::masterEnumerationComplete) {
                 logWrite("SRC " + serial + ": Enumeration complete.\n");
                 enumerated_.store(1, std::memory_order_release);
+                bringUpRunning_.store(false, std::memory_order_release);
                 // Hosts waiting in SCardEstablishContext sleep on this.
                 cardEvents().notify();
             }
@@ -74,6 +75,8 @@ void Rack::handleEnumerationReply(const uint8_t* frame)
         for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->markUnavailable();
         statusCount_.store(0, std::memory_order_release);
         enumerated_.store(0, std::memory_order_release);
+        bringUpStartedAt_.store(platform::tickCount(), std::memory_order_release);
+        bringUpRunning_.store(true, std::memory_order_release);
     }
     // The map is the frame's data: a shorter map leaves the slots behind it
     // empty, and the checksum byte is never taken for a slot.

@@ -117,15 +117,25 @@ FT_STATUS Rack::writeMasterFrame(const uint8_t* frame)
 // lost under sendMutex_, so no slot's frame is written to the closed handle;
 // the turns queued are dropped and the rack lock freed, and every waiting
 // exchange is woken by its reader's unavailability.
-void Rack::loseLink()
+bool Rack::bringUpOverdue(uint32_t nowTick) const
+{
+    return bringUpRunning_.load(std::memory_order_acquire) && !enumerated() && !lost() &&
+           nowTick - bringUpStartedAt_.load(std::memory_order_acquire) > kBringUpLimitMs;
+}
+
+void Rack::giveUpBringUp() { giveUpPending_.store(true, std::memory_order_release); }
+
+void Rack::loseLink(const char* why)
 {
     lossPending_.store(false, std::memory_order_release);
+    giveUpPending_.store(false, std::memory_order_release);
+    bringUpRunning_.store(false, std::memory_order_release);
     lockLinkForWrite();
     lost_.store(true, std::memory_order_release);
     everLost_.store(true, std::memory_order_release);
     sendMutex_.unlock();
     if (!linkClosed_.exchange(true)) FT_Close(ftHandle);
-    logWrite("Rack " + serial + " lost\n");
+    logWrite("Rack " + serial + " " + why + "\n");
     {
         platform::LockGuard guard(sendQueueGuard_);
         sendQueue_.clear();
@@ -173,6 +183,12 @@ FT_STATUS Rack::close()
 
 void Rack::reset()
 {
+    sendReset();
+    platform::pauseMs(kResetPauseMs);
+}
+
+void Rack::sendReset()
+{
     logWrite("reset\n");
     {
         platform::LockGuard guard(sendQueueGuard_);
@@ -183,13 +199,14 @@ void Rack::reset()
     cardEvents().notify();
     logWrite("ResettingRack: " + tracedBytes(TracedBytes::frame, RackFrame::resetFrame, 5) + "\n");
     writeMasterFrame(RackFrame::resetFrame);
-    platform::pauseMs(1500);
 }
 
 void Rack::startEnumeration()
 {
     if (!connected()) return;
     logWrite("enum\n");
+    bringUpStartedAt_.store(platform::tickCount(), std::memory_order_release);
+    bringUpRunning_.store(true, std::memory_order_release);
     logWrite("StartingEnum: " + tracedBytes(TracedBytes::frame, RackFrame::enumerateFrame, 5) + "\n");
     writeMasterFrame(RackFrame::enumerateFrame);
 }

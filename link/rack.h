@@ -59,7 +59,22 @@ public:
     // the rack and enumerate it (the device is back in the device list).
     void requestReopen();
     void reset() EXCLUDES(sendQueueGuard_);
+    // The reset without its pause, for racks brought up together: each is
+    // sent its reset, and one pause serves them all.
+    void sendReset() EXCLUDES(sendQueueGuard_);
+    static constexpr uint32_t kResetPauseMs = 1500;
     void startEnumeration();
+
+    // A bring-up (from the enumerate frame to the master's closing frame)
+    // that takes longer than kBringUpLimitMs on the library's clock is
+    // given up: the rack's fixed pauses (1.5 s after the reset, 3 s before
+    // the statuses) and the wire time of 240 slots' statuses take about
+    // 5.6 s, so the limit leaves room for a loaded machine. A rack given up
+    // is closed and traced ("Rack <serial> bring-up failed") by its receive
+    // thread and then treated as lost: the search tries it again.
+    static constexpr uint32_t kBringUpLimitMs = 10000;
+    bool bringUpOverdue(uint32_t nowTick) const;
+    void giveUpBringUp();
     void finishEnumeration();
 
     // Receive reassembly: the loop pauses 5 ms before each pass.
@@ -125,7 +140,7 @@ public:
 
 private:
     // The receive thread's side of loss and return.
-    void loseLink();
+    void loseLink(const char* why = "lost");
     void comeBack();
     // Holds sendMutex_ for a write that is not a slot's turn (the frames to
     // the master, the close and reopen of the link), trying until it gets
@@ -155,6 +170,9 @@ private:
     std::atomic<Reader*> lockHolder_{nullptr};
     std::atomic<uint32_t> failuresInRow_{0};
     std::atomic<bool> lossPending_{false};
+    std::atomic<bool> giveUpPending_{false};
+    std::atomic<bool> bringUpRunning_{false};
+    std::atomic<uint32_t> bringUpStartedAt_{0};
     std::atomic<bool> lost_{false};
     std::atomic<bool> everLost_{false};
     std::atomic<bool> reopenWanted_{false};

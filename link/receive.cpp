@@ -29,7 +29,10 @@ void Rack::receiveLoop()
         }
         pauseBetweenPolls(kPollMs);
         receivePass(platform::wallClockMs());
-        if (lossPending_.load(std::memory_order_acquire)) loseLink();
+        if (lossPending_.load(std::memory_order_acquire))
+            loseLink();
+        else if (giveUpPending_.load(std::memory_order_acquire))
+            loseLink("bring-up failed");
     }
 }
 

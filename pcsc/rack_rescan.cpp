@@ -79,7 +79,7 @@ void runRescanThread()
 
 }  // namespace
 
-Rack* bringUpRack(const char* serialNumber)
+Rack* openRack(const char* serialNumber)
 {
     Rack* rack = nullptr;
     try {
@@ -91,14 +91,33 @@ Rack* bringUpRack(const char* serialNumber)
         delete rack;
         return nullptr;
     }
-    rack->reset();
-    rack->startEnumeration();
-    g_racks.append(rack);
+    return rack;
+}
+
+void bringUpTogether(const std::vector<Rack*>& racks)
+{
+    if (racks.empty()) return;
+    for (Rack* rack : racks) rack->sendReset();
+    platform::pauseMs(Rack::kResetPauseMs);
+    for (Rack* rack : racks) {
+        rack->startEnumeration();
+        g_racks.append(rack);
+    }
+}
+
+Rack* bringUpRack(const char* serialNumber)
+{
+    Rack* rack = openRack(serialNumber);
+    if (rack != nullptr) bringUpTogether({rack});
     return rack;
 }
 
 void rescanRacks()
 {
+    const uint32_t now = platform::tickCount();
+    for (size_t i = 0, n = g_racks.size(); i < n; ++i)
+        if (g_racks[i]->bringUpOverdue(now)) g_racks[i]->giveUpBringUp();
+
     std::vector<std::string> serials;
     if (!listedRackSerials(serials)) return;
     std::set<std::string>& refused = refusedSerials();

@@ -5,11 +5,21 @@
 
 class Rack;
 
-// Opens the rack with this serial number, resets it, starts its
-// enumeration and adds it to g_racks. Null if the device did not open.
+#include <vector>
+
+// Opens the rack with this serial number and starts its workers; null if
+// the device did not open.
+Rack* openRack(const char* serialNumber);
+// Brings up racks opened together: every one is sent its reset, one reset
+// pause serves them all, then each starts its enumeration, and they are
+// added to g_racks. Their enumerations run side by side on their own
+// threads, so racks found together come up in the time of one.
+void bringUpTogether(const std::vector<Rack*>& racks);
+// openRack and bringUpTogether for one rack. Null if it did not open.
 Rack* bringUpRack(const char* serialNumber);
 
-// One look at the device list: a lost rack that is listed again is asked to
+// One look at the device list: a rack whose bring-up overran its limit is
+// given up (Rack::giveUpBringUp), a lost rack that is listed again is asked to
 // come back (Rack::requestReopen), and a rack not yet known is brought up.
 // A device that refused to open is not tried again until it has left the
 // list and come back, so that a rack another process holds is not retried

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <vector>
 
 #include "diag/trace_log.h"
 #include "platform/global_order.h"
@@ -88,6 +89,7 @@ void discoverRacks()
     // more than the array holds.
     if (listed < count) count = listed;
 
+    std::vector<Rack*> opened;
     for (uint32_t i = 0; i < count; ++i) {
         FT_DEVICE_LIST_INFO_NODE& record = records[i];
         record.Description[sizeof record.Description - 1] = '\0';
@@ -96,8 +98,9 @@ void discoverRacks()
         logWrite(std::string("Found device with serial ") + record.SerialNumber + "\n");
         // A device that does not open is passed over; the next record is
         // still served.
-        bringUpRack(record.SerialNumber);
+        if (Rack* rack = openRack(record.SerialNumber)) opened.push_back(rack);
     }
+    bringUpTogether(opened);
     if (g_racks.size() == 0) logWrite("No racks found!");
     delete[] records;
 }
