@@ -9,6 +9,7 @@
 
 #include "diag/text.h"
 #include "diag/trace_log.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
 #include "pcsc/wait_cancel.h"
@@ -149,10 +150,12 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardGetAttrib(SCARDHANDLE hCard, DWORD dwA
 
 // Ends every status-change wait in progress that was called with this
 // context; each returns SCARD_E_CANCELLED. With nothing waiting it changes
-// nothing, and it succeeds either way.
+// nothing, and it succeeds either way; a context that is not live is
+// refused.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardCancel(SCARDCONTEXT hContext)
 {
     logWrite("SCardCancel\n");
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
     cancelWaitsOf(hContext);
     return SCARD_S_SUCCESS;
 }

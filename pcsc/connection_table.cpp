@@ -72,40 +72,28 @@ Table& table()
 void Table::lockForFork() { table().lock.lock(); }
 void Table::unlockAfterFork() { table().lock.unlock(); }
 
-// Holds the table's lock; can let it go for a wait and take it again.
-class Held {
-public:
-    Held() : table_(table()) { table_.lock.lock(); }
-    ~Held() { table_.lock.unlock(); }
-    Held(const Held&) = delete;
-    Held& operator=(const Held&) = delete;
-    Table* operator->() { return &table_; }
-    // Sleeps until the table changes (or the recheck limit), without the
-    // lock. `seen` was read under the lock before the condition was tested.
-    void waitForChange(uint32_t seen) NO_THREAD_SAFETY_ANALYSIS
-    {
-        table_.lock.unlock();
-        table_.changed.wait(seen, kRecheckMs);
-        table_.lock.lock();
-    }
-    // Lets the lock go for a slot's exchange.
-    template <typename Work>
-    auto unlocked(Work work) NO_THREAD_SAFETY_ANALYSIS
-    {
-        table_.lock.unlock();
-        auto result = work();
-        table_.lock.lock();
-        return result;
-    }
+// Sleeps until the table changes (or the recheck limit), without the lock.
+// `seen` was read under the lock before the condition was tested.
+void waitForChange(Table& t, uint32_t seen) REQUIRES(t.lock)
+{
+    t.lock.unlock();
+    t.changed.wait(seen, kRecheckMs);
+    t.lock.lock();
+}
 
-private:
-    Table& table_;
-};
+// A selection goes to the slot without the table's lock.
+bool powerWithoutLock(Table& t, Rack& rack, Reader& reader, DWORD protocol) REQUIRES(t.lock)
+{
+    t.lock.unlock();
+    const bool answered = powerCard(rack, reader, protocol);
+    t.lock.lock();
+    return answered;
+}
 
 // A value no live context or handle has: 31 bits of the system's random
 // source (so that it reads positive as a signed 32-bit number in every
 // client), never 0. 0 when the source fails.
-uint32_t drawValue(Table& t) NO_THREAD_SAFETY_ANALYSIS
+uint32_t drawValue(Table& t) REQUIRES(t.lock)
 {
     for (int attempt = 0; attempt < 64; ++attempt) {
         uint32_t value = 0;
@@ -117,7 +105,7 @@ uint32_t drawValue(Table& t) NO_THREAD_SAFETY_ANALYSIS
     return 0;
 }
 
-bool liveContext(Table& t, SCARDCONTEXT context) NO_THREAD_SAFETY_ANALYSIS
+bool liveContext(Table& t, SCARDCONTEXT context) REQUIRES(t.lock)
 {
     uint32_t value = 0;
     if (!ownValueFromHost(context, value)) return false;
@@ -125,7 +113,7 @@ bool liveContext(Table& t, SCARDCONTEXT context) NO_THREAD_SAFETY_ANALYSIS
     return it != t.contexts.end() && it->second == platform::processEpoch();
 }
 
-Entry* liveEntry(Table& t, SCARDHANDLE handle, uint32_t& value) NO_THREAD_SAFETY_ANALYSIS
+Entry* liveEntry(Table& t, SCARDHANDLE handle, uint32_t& value) REQUIRES(t.lock)
 {
     if (!cardHandleFromHost(handle, value)) return nullptr;
     auto it = t.connections.find(value);
@@ -185,20 +173,44 @@ void changedNow(Table& t)
     cardEvents().notify();
 }
 
-// Brings the reader's card to a powered state for a connect or a reconnect
-// with leave: joins a powered card, waits for a power-up under way, or
-// powers it (always when `reset`). On success `active` holds the protocol.
-// `stillAllowed` is asked again after every wait.
-template <typename Check>
-LONG bringUp(Held& held, Rack& rack, Reader& reader, DWORD preferred, bool reset, ProtocolChoice choose,
-             DWORD& active, Check stillAllowed) NO_THREAD_SAFETY_ANALYSIS
+// Who asks to bring a card up, for the test that is made again after every
+// wait: a connect (a context, no handle yet) or a reconnect (its handle).
+struct Asker {
+    SCARDCONTEXT context = 0;
+    SCARDHANDLE handle = 0;
+    bool reconnect = false;
+    DWORD shareMode = 0;
+};
+
+// Whether the asker may still go on: its context or handle is live and the
+// share mode fits the reader's other connections.
+LONG stillAllowed(Table& t, Reader& reader, const Asker& asker) REQUIRES(t.lock)
+{
+    uint32_t others = 0;
+    if (asker.reconnect) {
+        uint32_t value = 0;
+        if (liveEntry(t, asker.handle, value) == nullptr) return SCARD_E_INVALID_HANDLE;
+        others = t.readers[&reader].connections - 1;
+    } else {
+        if (!liveContext(t, asker.context)) return SCARD_E_INVALID_HANDLE;
+        others = t.readers[&reader].connections;
+    }
+    if (!sharingAllows(t.readers[&reader], asker.shareMode, others)) return SCARD_E_SHARING_VIOLATION;
+    return SCARD_S_SUCCESS;
+}
+
+// Brings the reader's card to a powered state for a connect or a reconnect:
+// joins a powered card, waits for a power-up under way, or powers it
+// (always when `reset`). On success `active` holds the protocol.
+LONG bringUp(Table& t, Rack& rack, Reader& reader, DWORD preferred, bool reset, ProtocolChoice choose,
+             const Asker& asker, DWORD& active) REQUIRES(t.lock)
 {
     bool mustPower = reset;
     for (;;) {
-        const uint32_t seen = held->changed.generation();
-        const LONG allowed = stillAllowed();
+        const uint32_t seen = t.changed.generation();
+        const LONG allowed = stillAllowed(t, reader, asker);
         if (allowed != SCARD_S_SUCCESS) return allowed;
-        ReaderHold& hold = held->readers[&reader];
+        ReaderHold& hold = t.readers[&reader];
         if (!reader.available()) return SCARD_E_READER_UNAVAILABLE;
         if (reader.atrLength() == 0) return SCARD_E_NO_SMARTCARD;
         if (!mustPower && poweredNow(hold, reader)) {
@@ -207,33 +219,38 @@ LONG bringUp(Held& held, Rack& rack, Reader& reader, DWORD preferred, bool reset
             return SCARD_S_SUCCESS;
         }
         if (hold.powering) {
-            held.waitForChange(seen);
+            waitForChange(t, seen);
             continue;
         }
         DWORD chosen = 0;
         if (!choose(reader, preferred, chosen)) return SCARD_E_PROTO_MISMATCH;
         hold.powering = true;
         const uint32_t events = reader.eventCount();
-        const bool answered = held.unlocked([&] { return powerCard(rack, reader, chosen); });
-        ReaderHold& after = held->readers[&reader];
+        const bool answered = powerWithoutLock(t, rack, reader, chosen);
+        ReaderHold& after = t.readers[&reader];
         after.powering = false;
-        held->changed.notify();
+        t.changed.notify();
         if (!answered) {
             after.powered = false;
             return reader.available() ? SCARD_W_UNRESPONSIVE_CARD : SCARD_E_READER_UNAVAILABLE;
         }
         // A card that changed while it was selected is powered afresh.
-        if (reader.eventCount() != events) continue;
+        if (reader.eventCount() != events) {
+            mustPower = true;
+            continue;
+        }
+        mustPower = false;
         after.powered = true;
         after.poweredAt = events;
         after.protocol = chosen;
         active = chosen;
-        return SCARD_S_SUCCESS;
+        const LONG still = stillAllowed(t, reader, asker);
+        return still;
     }
 }
 
 // Drops a connection from the table: its transaction and its share.
-void dropEntry(Table& t, uint32_t value) NO_THREAD_SAFETY_ANALYSIS
+void dropEntry(Table& t, uint32_t value) REQUIRES(t.lock)
 {
     auto it = t.connections.find(value);
     if (it == t.connections.end()) return;
@@ -250,39 +267,39 @@ void dropEntry(Table& t, uint32_t value) NO_THREAD_SAFETY_ANALYSIS
 // Sends the selection again under the handle's protocol, as a reset or an
 // unpower; every other handle to the reader is then reset. The card counts
 // as unpowered afterwards, so the next connect selects it again.
-void resetCard(Held& held, Entry& entry) NO_THREAD_SAFETY_ANALYSIS
+void resetCard(Table& t, Entry& entry) REQUIRES(t.lock)
 {
     Rack* rack = entry.rack;
     Reader* reader = entry.reader;
     const DWORD protocol = entry.protocol;
-    ReaderHold& hold = held->readers[reader];
+    ReaderHold& hold = t.readers[reader];
     ++hold.resets;
     entry.resetsSeen = hold.resets;
     hold.powered = false;
     if (reader->atrLength() == 0) return;
     hold.powering = true;
-    held.unlocked([&] { return powerCard(*rack, *reader, protocol); });
-    ReaderHold& after = held->readers[reader];
-    after.powering = false;
-    held->changed.notify();
+    powerWithoutLock(t, *rack, *reader, protocol);
+    t.readers[reader].powering = false;
+    t.changed.notify();
 }
 
 }  // namespace
 
 LONG openContext(SCARDCONTEXT& context)
 {
-    Held held;
-    const uint32_t value = drawValue(*held.operator->());
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
+    const uint32_t value = drawValue(t);
     if (value == 0) return SCARD_E_NO_MEMORY;
-    held->contexts[value] = platform::processEpoch();
+    t.contexts[value] = platform::processEpoch();
     context = static_cast<SCARDCONTEXT>(value);
     return SCARD_S_SUCCESS;
 }
 
 bool closeContext(SCARDCONTEXT context)
 {
-    Held held;
-    Table& t = *held.operator->();
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
     if (!liveContext(t, context)) return false;
     uint32_t value = 0;
     ownValueFromHost(context, value);
@@ -302,54 +319,54 @@ bool closeContext(SCARDCONTEXT context)
 
 bool isLiveContext(SCARDCONTEXT context)
 {
-    Held held;
-    return liveContext(*held.operator->(), context);
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
+    return liveContext(t, context);
 }
 
 bool find(SCARDHANDLE handle, Connection& connection)
 {
-    Held held;
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
     uint32_t value = 0;
-    Entry* entry = liveEntry(*held.operator->(), handle, value);
+    Entry* entry = liveEntry(t, handle, value);
     if (entry == nullptr) return false;
-    connection = viewOf(*entry, held->readers[entry->reader]);
+    connection = viewOf(*entry, t.readers[entry->reader]);
     return true;
 }
 
 LONG enter(SCARDHANDLE handle, Connection& connection)
 {
-    Held held;
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
     for (;;) {
-        const uint32_t seen = held->changed.generation();
+        const uint32_t seen = t.changed.generation();
         uint32_t value = 0;
-        Entry* entry = liveEntry(*held.operator->(), handle, value);
+        Entry* entry = liveEntry(t, handle, value);
         if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
-        ReaderHold& hold = held->readers[entry->reader];
+        ReaderHold& hold = t.readers[entry->reader];
         if (hold.transactionHolder == 0 || hold.transactionHolder == value) {
             connection = viewOf(*entry, hold);
             return connection.cardWarning;
         }
-        held.waitForChange(seen);
+        waitForChange(t, seen);
     }
 }
 
 LONG connect(const ConnectRequest& request, ProtocolChoice choose, SCARDHANDLE& handle, DWORD& active)
 {
-    Held held;
-    Table& t = *held.operator->();
-    auto allowed = [&]() NO_THREAD_SAFETY_ANALYSIS -> LONG {
-        if (!liveContext(t, request.context)) return SCARD_E_INVALID_HANDLE;
-        ReaderHold& hold = t.readers[request.reader];
-        if (!sharingAllows(hold, request.shareMode, hold.connections)) return SCARD_E_SHARING_VIOLATION;
-        return SCARD_S_SUCCESS;
-    };
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
+    Asker asker;
+    asker.context = request.context;
+    asker.shareMode = request.shareMode;
     DWORD protocol = 0;
     if (request.shareMode == SCARD_SHARE_DIRECT) {
-        const LONG result = allowed();
+        const LONG result = stillAllowed(t, *request.reader, asker);
         if (result != SCARD_S_SUCCESS) return result;
     } else {
         const LONG result =
-            bringUp(held, *request.rack, *request.reader, request.preferred, false, choose, protocol, allowed);
+            bringUp(t, *request.rack, *request.reader, request.preferred, false, choose, asker, protocol);
         if (result != SCARD_S_SUCCESS) return result;
     }
     const uint32_t value = drawValue(t);
@@ -375,23 +392,23 @@ LONG connect(const ConnectRequest& request, ProtocolChoice choose, SCARDHANDLE& 
 
 LONG disconnect(SCARDHANDLE handle, CardAction action)
 {
-    Held held;
-    Table& t = *held.operator->();
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
     uint32_t value = 0;
     Entry* entry = liveEntry(t, handle, value);
     if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
     Entry copy = *entry;
     dropEntry(t, value);
     changedNow(t);
-    if (action == CardAction::reset && copy.shareMode != SCARD_SHARE_DIRECT) resetCard(held, copy);
+    if (action == CardAction::reset && copy.shareMode != SCARD_SHARE_DIRECT) resetCard(t, copy);
     return SCARD_S_SUCCESS;
 }
 
 LONG reconnect(SCARDHANDLE handle, DWORD shareMode, DWORD preferred, CardAction action, ProtocolChoice choose,
                DWORD& active)
 {
-    Held held;
-    Table& t = *held.operator->();
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
     uint32_t value = 0;
     // Another handle's transaction keeps this one waiting.
     for (;;) {
@@ -400,7 +417,7 @@ LONG reconnect(SCARDHANDLE handle, DWORD shareMode, DWORD preferred, CardAction 
         if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
         const ReaderHold& hold = t.readers[entry->reader];
         if (hold.transactionHolder == 0 || hold.transactionHolder == value) break;
-        held.waitForChange(seen);
+        waitForChange(t, seen);
     }
     Entry* entry = liveEntry(t, handle, value);
     Reader* reader = entry->reader;
@@ -409,13 +426,10 @@ LONG reconnect(SCARDHANDLE handle, DWORD shareMode, DWORD preferred, CardAction 
         ReaderHold& hold = t.readers[reader];
         if (!sharingAllows(hold, shareMode, hold.connections - 1)) return SCARD_E_SHARING_VIOLATION;
     }
-    auto allowed = [&]() NO_THREAD_SAFETY_ANALYSIS -> LONG {
-        Entry* self = liveEntry(t, handle, value);
-        if (self == nullptr) return SCARD_E_INVALID_HANDLE;
-        ReaderHold& hold = t.readers[reader];
-        if (!sharingAllows(hold, shareMode, hold.connections - 1)) return SCARD_E_SHARING_VIOLATION;
-        return SCARD_S_SUCCESS;
-    };
+    Asker asker;
+    asker.handle = handle;
+    asker.reconnect = true;
+    asker.shareMode = shareMode;
     DWORD protocol = 0;
     if (shareMode != SCARD_SHARE_DIRECT) {
         if (action == CardAction::reset) {
@@ -424,8 +438,7 @@ LONG reconnect(SCARDHANDLE handle, DWORD shareMode, DWORD preferred, CardAction 
             ++hold.resets;
             entry->resetsSeen = hold.resets;
         }
-        const LONG result =
-            bringUp(held, *rack, *reader, preferred, action == CardAction::reset, choose, protocol, allowed);
+        const LONG result = bringUp(t, *rack, *reader, preferred, action == CardAction::reset, choose, asker, protocol);
         if (result != SCARD_S_SUCCESS) return result;
     }
     entry = liveEntry(t, handle, value);
@@ -444,8 +457,8 @@ LONG reconnect(SCARDHANDLE handle, DWORD shareMode, DWORD preferred, CardAction 
 
 LONG beginTransaction(SCARDHANDLE handle)
 {
-    Held held;
-    Table& t = *held.operator->();
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
     for (;;) {
         const uint32_t seen = t.changed.generation();
         uint32_t value = 0;
@@ -459,14 +472,14 @@ LONG beginTransaction(SCARDHANDLE handle)
             ++hold.transactionDepth;
             return SCARD_S_SUCCESS;
         }
-        held.waitForChange(seen);
+        waitForChange(t, seen);
     }
 }
 
 LONG endTransaction(SCARDHANDLE handle, CardAction action)
 {
-    Held held;
-    Table& t = *held.operator->();
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
     uint32_t value = 0;
     Entry* entry = liveEntry(t, handle, value);
     if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
@@ -478,7 +491,7 @@ LONG endTransaction(SCARDHANDLE handle, CardAction action)
         // nobody else's command slips in before the reset; it keeps its
         // own connection usable, and the card is powered again.
         Entry copy = *entry;
-        resetCard(held, copy);
+        resetCard(t, copy);
         entry = liveEntry(t, handle, value);
         if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
         ReaderHold& after = t.readers[entry->reader];
@@ -495,18 +508,20 @@ LONG endTransaction(SCARDHANDLE handle, CardAction action)
 
 ReaderUse useOf(const Reader* reader)
 {
-    Held held;
-    auto it = held->readers.find(reader);
-    if (it == held->readers.end() || it->second.connections == 0) return ReaderUse::none;
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
+    auto it = t.readers.find(reader);
+    if (it == t.readers.end() || it->second.connections == 0) return ReaderUse::none;
     return it->second.exclusive ? ReaderUse::exclusive : ReaderUse::shared;
 }
 
 void forgetConnections()
 {
-    Held held;
-    held->connections.clear();
-    held->readers.clear();
-    held->changed.notify();
+    Table& t = table();
+    platform::LockGuard guard(t.lock);
+    t.connections.clear();
+    t.readers.clear();
+    t.changed.notify();
 }
 
 }  // namespace connection_table

@@ -10,6 +10,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/connection_table.h"
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"
 #include "reader/reader.h"
@@ -145,12 +146,14 @@ LONG listReaders(Char* mszReaders, LPDWORD pcchReaders)
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
     return listReaders<char>(mszReaders, pcchReaders);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardListReadersW(SCARDCONTEXT hContext, LPCWSTR mszGroups, LPWSTR mszReaders,
                                                        LPDWORD pcchReaders)
 {
+    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
     return listReaders<WCHAR>(mszReaders, pcchReaders);
 }
 

@@ -127,7 +127,8 @@ TEST_F(AttributesTest, SmallCallsAnswerForAnythingAndChangeNothing)
 
     EXPECT_EQ(SCardBeginTransaction(0x1234), SCARD_E_INVALID_HANDLE);
     EXPECT_EQ(SCardEndTransaction(handleOf(Handle::Card), 99), SCARD_E_INVALID_VALUE);
-    EXPECT_EQ(SCardCancel(0), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardCancel(0), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardCancel(testContext()), SCARD_S_SUCCESS);
     // The slots have no control codes; pcsc-lite's answer for that.
     DWORD returned = 0xCAFE;
     EXPECT_EQ(SCardControl(0, 1, nullptr, 5, nullptr, 5, &returned), SCARD_E_UNSUPPORTED_FEATURE);
@@ -140,7 +141,7 @@ TEST_F(AttributesTest, SmallCallsAnswerForAnythingAndChangeNothing)
     DWORD groupsLength = sizeof groups;
     EXPECT_EQ(SCardListReaderGroups(0, groups, &groupsLength), SCARD_S_SUCCESS);
     EXPECT_EQ(std::string(groups, groupsLength), std::string("SCard$DefaultReaders\0\0", 22));
-    EXPECT_EQ(logText(), "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\n");
+    EXPECT_EQ(logText(), "SCardBeginTransaction\nSCardEndTransaction\nSCardCancel\nSCardCancel\n");
 }
 
 TEST(ProtocolControlRecords, HaveTheirPublishedValues)

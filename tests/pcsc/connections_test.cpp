@@ -76,7 +76,9 @@ protected:
         EXPECT_EQ(out.handle != 0x1234, result == SCARD_S_SUCCESS);
         EXPECT_EQ(readerNamed(readerName("A1", address))->protocol(), tNumber);
         EXPECT_EQ(selections(address), sent);
-        if (result == SCARD_S_SUCCESS) EXPECT_EQ(SCardDisconnect(out.handle, SCARD_RESET_CARD), SCARD_S_SUCCESS);
+        if (result == SCARD_S_SUCCESS) {
+            EXPECT_EQ(SCardDisconnect(out.handle, SCARD_RESET_CARD), SCARD_S_SUCCESS);
+        }
     }
 
     // The command bytes of the protocol selections sent to a slot so far.

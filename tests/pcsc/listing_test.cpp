@@ -9,8 +9,8 @@ using namespace std::string_literals;
 const std::string kNames = "Tessel B7 R1\0Tessel A1 R1\0Tessel A1 R2\0\0"s;
 const DWORD kSize = 40;  // three names of 12 characters with their NULs, and one NUL
 
-LONG listReaders(char* buffer, DWORD* size) { return SCardListReadersA(0, nullptr, buffer, size); }
-LONG listReaders(WCHAR* buffer, DWORD* size) { return SCardListReadersW(0, nullptr, buffer, size); }
+LONG listReaders(char* buffer, DWORD* size) { return SCardListReadersA(testContext(), nullptr, buffer, size); }
+LONG listReaders(WCHAR* buffer, DWORD* size) { return SCardListReadersW(testContext(), nullptr, buffer, size); }
 std::basic_string<char> expectedNames(char) { return kNames; }
 std::basic_string<WCHAR> expectedNames(WCHAR) { return widen(kNames); }
 
@@ -62,6 +62,7 @@ TEST_F(ListingTest, EveryBufferFormInBothWidths)
     addRack("B7", 1);  // discovery order B7, then A1
     addRack("A1", 2);
     startLibrary(2);
+    testContext();
 
     const ListingCase cases[] = {
         {false, Form::Query, SCARD_S_SUCCESS, "SCardListReadersA\nascii len is 40\nreached end of listreaders 40\n"},
@@ -95,16 +96,21 @@ TEST_F(ListingTest, EveryBufferFormInBothWidths)
         EXPECT_EQ(logText(), c.trace);
     }
     EXPECT_EQ(SCardFreeMemory(0, nullptr), SCARD_S_SUCCESS);
+    // A context never handed out lists nothing.
+    DWORD size = 0;
+    EXPECT_EQ(SCardListReadersA(424242, nullptr, nullptr, &size), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardListReadersW(424242, nullptr, nullptr, &size), SCARD_E_INVALID_HANDLE);
 }
 
 TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)
 {
     startLibrary(0);
+    const SCARDCONTEXT context = testContext();
     clearLog();
 
     char* block = reinterpret_cast<char*>(0x1);
     DWORD size = SCARD_AUTOALLOCATE;
-    EXPECT_EQ(SCardListReadersA(0, nullptr, reinterpret_cast<LPSTR>(&block), &size), SCARD_E_NO_READERS_AVAILABLE);
+    EXPECT_EQ(SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&block), &size), SCARD_E_NO_READERS_AVAILABLE);
     EXPECT_EQ(size, 1u);
     EXPECT_EQ(block, reinterpret_cast<char*>(0x1)) << "no block handed over";
     EXPECT_EQ(logText(), "SCardListReadersA\nascii len is 1\nreached end of listreaders 1\n");
@@ -112,7 +118,7 @@ TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)
     clearLog();
     Guarded<WCHAR> buffer(64);
     size = 64;
-    EXPECT_EQ(SCardListReadersW(0, nullptr, buffer.data(), &size), SCARD_E_NO_READERS_AVAILABLE);
+    EXPECT_EQ(SCardListReadersW(context, nullptr, buffer.data(), &size), SCARD_E_NO_READERS_AVAILABLE);
     EXPECT_EQ(size, 1u);
     EXPECT_TRUE(buffer.untouched());
     EXPECT_EQ(logText(), "SCardListReadersW\nwide len is 1\nSCARD_E_NO_READERS_AVAILABLE\nreached end of Wlistreaders 1\n");

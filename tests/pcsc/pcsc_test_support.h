@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <mutex>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -109,9 +110,13 @@ inline std::vector<std::vector<uint8_t>> commandsTo(const std::vector<std::vecto
 // racks are up, before the log is cleared: establishing traces.
 inline SCARDCONTEXT testContext()
 {
+    // Test threads connect at once: one of them establishes.
+    static std::mutex guard;
+    std::lock_guard<std::mutex> hold(guard);
     static SCARDCONTEXT context = 0;
-    if (context == 0 || !connection_table::isLiveContext(context))
+    if (context == 0 || !connection_table::isLiveContext(context)) {
         EXPECT_EQ(SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context), SCARD_S_SUCCESS);
+    }
     return context;
 }
 

@@ -125,8 +125,9 @@ TEST_F(StatusChangeTest, UnawareRecordsGetTheStateOfTheirReadersAfterOnePass)
     auto check = [&](const auto& got, const Row& row, size_t i) {
         EXPECT_EQ(flagsOf(got.dwEventState), row.seen) << i;
         // The reader's count of card events rides in the high 16 bits.
-        if (row.known != SCARD_STATE_IGNORE)
+        if (row.known != SCARD_STATE_IGNORE) {
             EXPECT_EQ(eventCountOf(got.dwEventState), eventsOf(row.name[11] - '0')) << i;
+        }
         ASSERT_EQ(got.cbAtr, row.atrLength) << i;
         if (row.atrLength == 3) {
             EXPECT_EQ(std::vector<uint8_t>(got.rgbAtr, got.rgbAtr + 3), atrOnlyT1()) << i;

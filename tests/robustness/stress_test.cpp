@@ -208,13 +208,17 @@ TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
     // A listing is, at every moment, the readers made so far: for each rack
     // in discovery order, its first readers in address order. It never
     // shrinks, and the size it reports is its own.
+    // Listers and watchers call before the racks are up, so their context
+    // cannot come from SCardEstablishContext, which waits for them.
+    SCARDCONTEXT watchContext = 0;
+    ASSERT_EQ(connection_table::openContext(watchContext), SCARD_S_SUCCESS);
     auto lister = [&](int id) {
         size_t seen = 0;
         ++started;
         while (!stop) {
             char* block = nullptr;
             DWORD size = SCARD_AUTOALLOCATE;
-            LONG result = SCardListReadersA(1, nullptr, reinterpret_cast<char*>(&block), &size);
+            LONG result = SCardListReadersA(watchContext, nullptr, reinterpret_cast<char*>(&block), &size);
             std::string listing;
             if (result == SCARD_S_SUCCESS) {
                 listing.assign(block, size);
@@ -241,10 +245,6 @@ TEST_F(Stress, BringUpWhileHostThreadsAlreadyCallTheApi)
     // A status change on a reader gives an unknown reader until the reader
     // is made, then no card until its status is collected, then the card
     // with its ATR; never back.
-    // The watchers look before the racks are up, so their context cannot
-    // come from SCardEstablishContext, which waits for them.
-    SCARDCONTEXT watchContext = 0;
-    ASSERT_EQ(connection_table::openContext(watchContext), SCARD_S_SUCCESS);
     auto watcher = [&](const std::string name) {
         int stage = 0;  // 0 unknown, 1 empty, 2 present
         ++started;
