@@ -380,8 +380,11 @@ public:
             threads_.emplace_back([this, &rig, i] {
                 SCARD_READERSTATEA state{};
                 state.szReader = names_[static_cast<size_t>(i)].c_str();
+                // What the reader holds now (a connected card is in use),
+                // fed back whole, as clients do: the call then waits.
+                SCardGetStatusChangeA(rig.context, 0, &state, 1);
                 while (!stop_.load()) {
-                    state.dwCurrentState = SCARD_STATE_PRESENT;
+                    state.dwCurrentState = state.dwEventState & ~DWORD(SCARD_STATE_CHANGED);
                     SCardGetStatusChangeA(rig.context, 500, &state, 1);
                     calls_.fetch_add(1);
                 }
@@ -673,7 +676,9 @@ void measureWaits(Run& run, const Rig& rig, const std::vector<SCARDHANDLE>& hand
         std::string name = readerName(rig.serial, 40);
         SCARD_READERSTATEA state{};
         state.szReader = name.c_str();
-        state.dwCurrentState = SCARD_STATE_PRESENT;
+        // The reader's state as it is (its card is connected, so in use).
+        SCardGetStatusChangeA(rig.context, 0, &state, 1);
+        state.dwCurrentState = state.dwEventState & ~DWORD(SCARD_STATE_CHANGED);
         double cpu0 = ownThreadCpuMs(), proc0 = processCpuMs();
         Clock::time_point start = Clock::now();
         run.waitResult = SCardGetStatusChangeA(rig.context, w.waitMs, &state, 1);

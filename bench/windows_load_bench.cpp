@@ -459,10 +459,14 @@ int main(int argc, char** argv)
 
     progress("a waiting SCardGetStatusChangeA");
     const std::string statusReader = readerName(kStatusWaitSlot);
+    // The reader's state as it is (a connected card is in use), fed back
+    // whole, as clients do: the measured call then waits.
+    SCARD_READERSTATEA known{};
+    known.szReader = statusReader.c_str();
+    g_api.SCardGetStatusChangeA(context, 0, &known, 1);
     run.status = measureWait([&] {
-        SCARD_READERSTATEA state{};
-        state.szReader = statusReader.c_str();
-        state.dwCurrentState = SCARD_STATE_PRESENT;
+        SCARD_READERSTATEA state = known;
+        state.dwCurrentState = known.dwEventState & ~DWORD(SCARD_STATE_CHANGED);
         return g_api.SCardGetStatusChangeA(context, w.waitMs, &state, 1);
     });
 

@@ -108,6 +108,22 @@ void locateAnswer(uint32_t frameLength, uint32_t& dataLength, uint32_t& offset)
     offset = dataLength > 255 ? kExtendedDataOffset : kShortDataOffset;
 }
 
+// Waits until the reader's card event count has moved past `cardEvents`:
+// the status thread's pass is 5 ms; the bound only keeps a slot that reports
+// a card it never had (a direct connection to an empty slot) from holding
+// the caller.
+constexpr uint32_t kCardEventWaitMs = 1000;
+
+void waitForCardEvent(Reader& reader, uint32_t cardEvents)
+{
+    const platform::Signal::Deadline limit = platform::Signal::deadlineIn(kCardEventWaitMs);
+    for (;;) {
+        const uint32_t seen = reader.activity.generation();
+        if (reader.eventCount() != cardEvents) return;
+        if (!reader.activity.waitUntil(seen, limit)) return;
+    }
+}
+
 // A frame of status 1 (no card) or 3 (mute) is what a slot sends when the
 // card has left or stopped answering; it carries no answer.
 bool tellsOfLostCard(const uint8_t* frame)
@@ -180,6 +196,10 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
         if (tellsOfLostCard(frame)) {
             logWrite(reader.name + " Card gone\n");
             reader.clearIncoming();
+            // The status thread takes the same frame and counts the card
+            // event; the caller learns of the lost card only once it has,
+            // so that its next call is refused too.
+            waitForCardEvent(reader, cardEvents);
             result.outcome = ExchangeOutcome::cardGone;
             return result;
         }

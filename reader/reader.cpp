@@ -36,9 +36,20 @@ void Reader::writeMailbox(bool toOutgoing, const uint8_t* data, uint32_t count)
         outgoing.write(work, size);
         return;
     }
+    // The mailbox is one frame deep. A frame that told of a lost card and
+    // that the status thread has not taken yet is about to be replaced (a
+    // card taken out and put back within one pass of the status thread):
+    // it is counted, so that the removal still counts as a card event.
+    if (lastTellsOfLostCard_.load(std::memory_order_relaxed) && incoming.unread.load() != 0)
+        replacedRemovals_.fetch_add(1, std::memory_order_acq_rel);
+    const bool lostCard = count > 3 && data[3] != RackFrame::extendedMarker &&
+                          (frameStatus(data) == kStatusNoCardByte || frameStatus(data) == kStatusMuteByte);
+    lastTellsOfLostCard_.store(lostCard, std::memory_order_relaxed);
     incoming.write(data, count, framesSent.load(std::memory_order_acquire));
     activity.notify();
 }
+
+uint32_t Reader::takeReplacedRemovals() { return replacedRemovals_.exchange(0, std::memory_order_acq_rel); }
 
 uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination, uint32_t* tag, Mailbox::Taker taker,
                              uint32_t* number)
@@ -103,7 +114,12 @@ void Reader::changeCard(const Atr& value, uint32_t state, uint32_t frameNumber)
     // The status thread writes the card, and the receive thread when the
     // rack is lost: the count moves on by one for each.
     if (changed) eventCount_.fetch_add(1, std::memory_order_acq_rel);
-    if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    // A frame that changed the card is no answer for a waiting exchange; one
+    // that only repeats what is known (the answer to a protocol selection
+    // during a bring-up that never ends) may be.
+    if (changed) {
+        if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+    }
     cardEvents().notify();
     // An exchange waiting on this slot learns at once that its card went.
     if (changed) activity.notify();
@@ -121,6 +137,10 @@ void Reader::markUnavailable()
     outgoing.read(dropped);
     incoming.read(dropped);
     clearIncoming();
+    // Runs on the receive thread, whose alone these are: no removal from
+    // before the loss is counted after it.
+    lastTellsOfLostCard_.store(false, std::memory_order_relaxed);
+    replacedRemovals_.store(0, std::memory_order_release);
     blocked.store(0, std::memory_order_release);
     cardEvents().notify();
     activity.notify();

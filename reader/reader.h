@@ -78,6 +78,9 @@ public:
     // no event. Connections note it, and a connection whose count is behind
     // has lost its card; status-change calls report it in their high bits.
     uint32_t eventCount() const { return eventCount_.load(std::memory_order_acquire); }
+    // Frames telling of a lost card (status 1 or 3) that a newer frame
+    // replaced before the status thread took them, since the last call.
+    uint32_t takeReplacedRemovals();
 
     // A reader is unavailable while its rack is lost, or while its slot is
     // missing from the rack's latest slot map. Marking it so forgets the
@@ -139,6 +142,12 @@ private:
     std::atomic<uint32_t> eventCount_{0};
     std::atomic<bool> available_{true};
     std::atomic<uint32_t> sendFailures_{0};
+    // The receive thread's alone: whether the last incoming frame told of a
+    // lost card; and the count of such frames replaced unread.
+    std::atomic<bool> lastTellsOfLostCard_{false};
+    std::atomic<uint32_t> replacedRemovals_{0};
+    static constexpr uint8_t kStatusNoCardByte = 1;
+    static constexpr uint8_t kStatusMuteByte = 3;
 };
 
 // Holds a reader's turn for the life of the object.

@@ -88,6 +88,13 @@ void takeReaderStatus(Rack& rack, Reader& reader)
         return;
     }
 
+    // A removal whose frame was replaced before this thread took it still
+    // counts: the card left, whatever this frame says now.
+    if (reader.takeReplacedRemovals() != 0 && reader.cardState() != kStateNoCard) {
+        logWrite(reader.name + ": Card removed\n");
+        reader.cardRemoved(false, frameNumber);
+    }
+
     if (extended || status == kStatusCardData) {
         const Atr offered(frame + 4, frame[2]);
         if (reader.atrLength() == 0 || isOtherCard(reader, offered)) {

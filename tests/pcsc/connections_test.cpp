@@ -32,6 +32,7 @@ protected:
     // the banner does at load; an empty entry shows as nothing.
     void restartLog()
     {
+        settle();
         clearLog();
         logWrite("");
     }
@@ -377,6 +378,7 @@ TEST_F(ConnectionsTest, DisconnectAndReconnectByDisposition)
     ASSERT_EQ(selections(1), std::vector<uint8_t>{kSelectT1});
     const std::string signedHandle = std::to_string(static_cast<int32_t>(handle));
 
+    settle();
     clearLog();
     EXPECT_EQ(SCardDisconnect(0xDEAD, SCARD_LEAVE_CARD), SCARD_E_INVALID_HANDLE);
     EXPECT_EQ(logText(), "SCardDisconnect: 0, handle: 57005\n");

@@ -114,6 +114,25 @@ TEST_F(CardState, CardDataWithAnotherAtrIsANewCardAndEveryChangeIsCounted)
     EXPECT_EQ(occurrences("Tessel CS R1: New card found\n"), 3u);
 }
 
+// A card taken out and put back so fast that the insertion's frame lands
+// before the status thread has taken the removal's: the mailbox keeps only
+// the last frame, and the removal still counts.
+TEST_F(CardState, ARemovalReplacedUnreadStillCounts)
+{
+    startRack(1);
+    insertCard(device_, 1, {0x3B, 0x00});
+    ASSERT_TRUE(stateIs(1, kStateCard));
+    const uint32_t start = reader(1)->eventCount();
+    Bytes both = slotFrame(1, 0x01, {});
+    const Bytes back = slotFrame(1, 0x05, {0x3B, 0x00});
+    both.insert(both.end(), back.begin(), back.end());
+    inject(device_, both);
+    ASSERT_TRUE(waitUntil([&] { return reader(1)->eventCount() - start >= 2; }));
+    EXPECT_EQ(reader(1)->eventCount() - start, 2u);
+    EXPECT_TRUE(stateIs(1, kStateCard));
+    EXPECT_EQ(atrOf(1), (Bytes{0x3B, 0x00}));
+}
+
 TEST_F(CardState, StatusFiveWithoutDataGivesACardWithoutAtrEachTime)
 {
     startRack(1);
