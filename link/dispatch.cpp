@@ -72,6 +72,7 @@ void Rack::handleEnumerationReply(const uint8_t* frame)
     // readers of slots it no longer names stay unavailable.
     const bool again = readers_.size() > 0;
     if (again) {
+        for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->leaveListing();
         for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->markUnavailable();
         statusCount_.store(0, std::memory_order_release);
         enumerated_.store(0, std::memory_order_release);

@@ -141,6 +141,7 @@ void Rack::loseLink(const char* why)
         sendQueue_.clear();
         lockHolder_.store(nullptr);
     }
+    for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->leaveListing();
     for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->markUnavailable();
     cardEvents().notify();
 }

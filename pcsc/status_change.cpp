@@ -66,15 +66,18 @@ DWORD readerCount()
 }
 
 // The pseudo-reader's record: the number of readers in the high 16 bits,
-// and a change only when the host gave a number of its own that differs.
-// A host that knows nothing (0) is not woken by it, since there is no
-// reader event to report. It names no reader, so it never has an ATR.
+// and a change when it differs from the number the host gave, or, from a
+// host that gave none (0), from the number when the call began, as
+// pcsc-lite compares it: such a host is not woken at once, since there is
+// no reader event to report, but is woken when a rack goes or comes back
+// during its wait. It names no reader, so it never has an ATR.
 template <typename Record>
-bool refreshPnpRecord(Record& record)
+bool refreshPnpRecord(Record& record, DWORD countAtStart)
 {
     const DWORD count = readerCount();
-    const DWORD known = record.dwCurrentState >> 16;
-    const bool changed = known != 0 && known != count;
+    const DWORD given = record.dwCurrentState >> 16;
+    const DWORD known = given != 0 ? given : countAtStart;
+    const bool changed = known != count;
     record.dwEventState = (count << 16) | (changed ? SCARD_STATE_CHANGED : 0);
     record.cbAtr = 0;
     return changed;
@@ -132,10 +135,10 @@ DWORD readerFlags(const Reader& reader, uint32_t cardState)
 // a change when the count moved, so a card swapped between two calls is not
 // missed. A host that knows nothing (SCARD_STATE_UNAWARE) always sees one.
 template <typename Record>
-bool refreshRecord(Record& record)
+bool refreshRecord(Record& record, DWORD countAtStart)
 {
     using Form = StatusChangeForm<Record>;
-    if (isPnpName(record.szReader)) return refreshPnpRecord(record);
+    if (isPnpName(record.szReader)) return refreshPnpRecord(record, countAtStart);
     // Readers are never removed, so a name checked at the start of the call
     // still finds its reader; the test only guards against a torn-down
     // library.
@@ -210,6 +213,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     const bool infinite = dwTimeout == INFINITE || dwTimeout > 0xFFFFFFFFu;
     const uint32_t limitMs = infinite ? 0 : static_cast<uint32_t>(dwTimeout);
     const uint32_t start = platform::tickCount();
+    const DWORD countAtStart = readerCount();
     platform::Signal& events = cardEvents();
     for (;;) {
         const uint32_t seen = events.generation();
@@ -222,7 +226,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
         bool changed = false;
         for (DWORD i = 0; i < count; ++i) {
             if ((records[i].dwCurrentState & SCARD_STATE_IGNORE) != 0) continue;
-            if (refreshRecord(records[i])) changed = true;
+            if (refreshRecord(records[i], countAtStart)) changed = true;
         }
         if (changed) return SCARD_S_SUCCESS;
         if (infinite) {

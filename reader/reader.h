@@ -91,6 +91,10 @@ public:
     bool available() const { return available_.load(std::memory_order_acquire); }
     void markUnavailable();
     void markAvailable();
+    // Only the first step of markUnavailable: the reader leaves the listing.
+    // A rack takes all its readers out this way first, so that a host woken
+    // by the first one's event never lists the others of the same rack.
+    void leaveListing() { available_.store(false, std::memory_order_release); }
     // Writes of this slot's frames that failed; an exchange whose frame was
     // not written ends instead of waiting for it.
     uint32_t sendFailures() const { return sendFailures_.load(std::memory_order_acquire); }

@@ -504,9 +504,21 @@ TEST_F(FaultMatrix, UnpluggedRackIsLostAndComesBackInPlace)
     EXPECT_FALSE(rack_->isLocked());
     EXPECT_EQ(rack_->queuedTurns(), 0u);
 
-    // Back.
+    // Back. A host that gives the pseudo-reader no count of its own (as
+    // pcsc_scan does) is woken when the readers return, not before.
+    SCARD_READERSTATEA arrival{};
+    arrival.szReader = "\\\\?PnP?\\Notification";
+    arrival.dwCurrentState = SCARD_STATE_UNAWARE;
+    LONG arrivalResult = 0;
+    std::thread arrivalWatcher(
+        [&] { arrivalResult = SCardGetStatusChangeA(pcsc_test::testContext(), 60000, &arrival, 1); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     rackSimSetCardDelayMs(faultyDevice_, 1, 0);
     rackSimPlug(faultyDevice_);
+    arrivalWatcher.join();
+    EXPECT_EQ(arrivalResult, SCARD_S_SUCCESS);
+    EXPECT_NE(arrival.dwEventState & SCARD_STATE_CHANGED, 0u);
+    EXPECT_GT(arrival.dwEventState >> 16, 2u);
     ASSERT_TRUE(waitUntil([&] { return listedReaders().size() == 5u && rack_->enumerated(); }));
     const std::vector<std::string> after = listedReaders();
     EXPECT_TRUE(listedOnceEach(after));
