@@ -188,7 +188,11 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
         result.outcome = ExchangeOutcome::noAnswer;
     } else {
         uint8_t frame[Mailbox::capacity] = {};
-        const uint32_t frameLength = reader.readMailbox(false, frame, nullptr, Mailbox::Taker::exchange);
+        uint32_t frameNumber = 0;
+        const uint32_t frameLength = reader.readMailbox(false, frame, nullptr, Mailbox::Taker::exchange, &frameNumber);
+        // Marked before the turn is given back: the status thread, which
+        // reads every frame, then never takes the answer's data for an ATR.
+        reader.markAnswer(frameNumber);
         uint32_t dataLength = 0;
         uint32_t offset = 0;
         locateAnswer(frameLength, dataLength, offset);

@@ -81,6 +81,12 @@ public:
     // Frames telling of a lost card (status 1 or 3) that a newer frame
     // replaced before the status thread took them, since the last call.
     uint32_t takeReplacedRemovals();
+    // The write number of the frame an exchange last took as its answer.
+    void markAnswer(uint32_t frameNumber) { answerFrame_.store(frameNumber, std::memory_order_release); }
+    bool tookAsAnswer(uint32_t frameNumber) const
+    {
+        return frameNumber != 0 && answerFrame_.load(std::memory_order_acquire) == frameNumber;
+    }
 
     // A reader is unavailable while its rack is lost, or while its slot is
     // missing from the rack's latest slot map. Marking it so forgets the
@@ -150,6 +156,7 @@ private:
     // lost card; and the count of such frames replaced unread.
     std::atomic<bool> lastTellsOfLostCard_{false};
     std::atomic<uint32_t> replacedRemovals_{0};
+    std::atomic<uint32_t> answerFrame_{0};
     static constexpr uint8_t kStatusNoCardByte = 1;
     static constexpr uint8_t kStatusMuteByte = 3;
 };

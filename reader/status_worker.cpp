@@ -25,12 +25,14 @@ enum : uint8_t {
 };
 
 // A status with an ATR other than the stored one is a card swapped between
-// two messages: the slot never reported the old card gone. While a host
-// call holds the slot's turn the frame may be the answer to its command
-// instead, whose data is no ATR, so then only an empty slot takes it.
-bool isOtherCard(const Reader& reader, const Atr& offered)
+// two messages: the slot never reported the old card gone. Answers to card
+// commands reach the same mailbox, and their data is no ATR: an extended
+// frame never carries one (an ATR has at most 33 bytes); while a host call
+// holds the slot's turn the frame may be its answer; and a frame that an
+// exchange took as its answer is one.
+bool isOtherCard(const Reader& reader, const Atr& offered, bool extended, uint32_t frameNumber)
 {
-    if (offered.length == 0 || reader.turnHeld()) return false;
+    if (extended || offered.length == 0 || reader.turnHeld() || reader.tookAsAnswer(frameNumber)) return false;
     const Atr known = reader.atrValue();
     return known.length != offered.length || std::memcmp(known.bytes, offered.bytes, offered.length) != 0;
 }
@@ -97,7 +99,7 @@ void takeReaderStatus(Rack& rack, Reader& reader)
 
     if (extended || status == kStatusCardData) {
         const Atr offered(frame + 4, frame[2]);
-        if (reader.atrLength() == 0 || isOtherCard(reader, offered)) {
+        if (reader.atrLength() == 0 || isOtherCard(reader, offered, extended, frameNumber)) {
             logWrite(reader.name + ": New card found\n");
             reader.cardInserted(offered, frameNumber);
         }
