@@ -31,6 +31,7 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
             } else if (frame[3] == RackFrame::masterEnumerationComplete) {
                 logWrite("SRC " + serial + ": Enumeration complete.\n");
                 enumerated_.store(1, std::memory_order_release);
+                bringUpRunning_.store(false, std::memory_order_release);
                 // Hosts waiting in SCardEstablishContext sleep on this.
                 cardEvents().notify();
             }
@@ -64,15 +65,34 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
 void Rack::handleEnumerationReply(const uint8_t* frame)
 {
     logWrite("Starting enumeration\n");
+    // A slot map from a rack that was already up (a rack that lost power
+    // and announces itself again): it comes up again in place. Every slot
+    // starts afresh, as the rack has forgotten its cards' state; the slots
+    // of the new map are matched to their readers by address, and the
+    // readers of slots it no longer names stay unavailable.
+    const bool again = readers_.size() > 0;
+    if (again) {
+        for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->leaveListing();
+        for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->markUnavailable();
+        statusCount_.store(0, std::memory_order_release);
+        enumerated_.store(0, std::memory_order_release);
+        bringUpStartedAt_.store(platform::tickCount(), std::memory_order_release);
+        bringUpRunning_.store(true, std::memory_order_release);
+    }
     // The map is the frame's data: a shorter map leaves the slots behind it
     // empty, and the checksum byte is never taken for a slot.
     uint32_t dataBytes = receivedFrameSize(frame) - 5;
     uint32_t mapBytes = dataBytes < kSlotCount ? dataBytes : kSlotCount;
+    uint32_t slots = 0;
     for (uint32_t index = 4; index < 4 + mapBytes; ++index) {
         uint8_t kind = frame[index] & 0x0F;
-        if (kind >= 1 && kind <= 3) addReader(index - 3);
+        if (kind >= 1 && kind <= 3) {
+            addReader(index - 3);
+            ++slots;
+        }
     }
-    logWrite("SCR " + serial + " Found " + decimalText(static_cast<uint32_t>(readers_.size())) + " readers\n");
+    expectedStatuses_.store(slots, std::memory_order_release);
+    logWrite("SCR " + serial + " Found " + decimalText(slots) + " readers\n");
     workerPause(kPauseBeforeStatusMs);
     pollReaders();
 }
@@ -80,23 +100,28 @@ void Rack::handleEnumerationReply(const uint8_t* frame)
 void Rack::addReader(uint32_t address)
 {
     if (!connected()) return;
+    // The same slot keeps its reader for the life of the library: a host
+    // may hold a pointer to it, and its name must never be listed twice.
+    if (Reader* known = readerByAddress(address)) {
+        known->markAvailable();
+        return;
+    }
     // The reader is complete before the list publishes it. A new reader
     // changes the count that status-change waits report for the
     // plug-and-play name.
-    readers_.append(new Reader(address, serial));
+    Reader* reader = new Reader(address, serial);
+    readers_.append(reader);
+    if (address < 256) byAddress_[address].store(reader, std::memory_order_release);
     cardEvents().notify();
 }
 
 void Rack::pollReaders()
 {
-    for (size_t i = 0, n = readers_.size(); i < n; ++i) requestStatus(readers_[i]);
+    for (size_t i = 0, n = readers_.size(); i < n; ++i)
+        if (readers_[i]->available()) requestStatus(readers_[i]);
 }
 
-// First match wins; the list only grows and publishes complete readers,
-// so the walk takes no lock.
 Reader* Rack::readerByAddress(uint32_t address) const
 {
-    for (size_t i = 0, n = readers_.size(); i < n; ++i)
-        if (readers_[i]->address == address) return readers_[i];
-    return nullptr;
+    return address < 256 ? byAddress_[address].load(std::memory_order_acquire) : nullptr;
 }

@@ -94,6 +94,15 @@ void Rack::setUpFastLink()
         logWrite("Fast link: FT_SetEventNotification not found, polling every 5 ms\n");
         return;
     }
+    // A link opened again after its device came back keeps the event it
+    // had: the stop path may wake it from another thread at any time.
+    if (receiveEvent_) {
+        if (setEventNotification(ftHandle, FT_EVENT_RXCHAR, receiveEvent_->notificationParameter()) == FT_OK)
+            logWrite("Fast link: woken by received bytes\n");
+        else
+            logWrite("Fast link: no receive event, polling every 5 ms\n");
+        return;
+    }
     auto event = std::make_unique<platform::DeviceEvent>();
     if (!event->valid() || setEventNotification(ftHandle, FT_EVENT_RXCHAR, event->notificationParameter()) != FT_OK) {
         logWrite("Fast link: no receive event, polling every 5 ms\n");

@@ -35,6 +35,8 @@ public:
     // frame held is handed on.
     void parse();
 
+    // Forgets every byte held: the link was opened afresh.
+    void restart() { clear(); }
     // The link was seen with bytes waiting at `nowMs` (wall clock).
     void linkSeen(int64_t nowMs) { lastRxTime_ = nowMs; }
     // Whether the frame at the head must be given up at `nowMs`, with

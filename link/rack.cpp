@@ -68,15 +68,127 @@ FT_STATUS Rack::open(const char* serialNumber)
     return FT_OK;
 }
 
+void Rack::noteLinkStatus(FT_STATUS status)
+{
+    if (status == FT_OK) {
+        failuresInRow_.store(0, std::memory_order_release);
+        return;
+    }
+    // Other failures (a bad parameter, a refused setting) say nothing of
+    // the device being there, and do not break a run either.
+    if (status != FT_IO_ERROR && status != FT_DEVICE_NOT_FOUND && status != FT_INVALID_HANDLE) return;
+    if (failuresInRow_.fetch_add(1, std::memory_order_acq_rel) + 1 >= kLinkFailuresForLoss)
+        lossPending_.store(true, std::memory_order_release);
+}
+
+void Rack::requestReopen()
+{
+    reopenWanted_.store(true, std::memory_order_release);
+    stopSignal_.notify();
+}
+
+void Rack::lockLinkForWrite()
+{
+    while (!sendMutex_.tryLock()) platform::pauseMs(1);
+}
+
+void Rack::unlockLinkAfterWrite()
+{
+    sendMutex_.unlock();
+    if (lockHolder_.load() == nullptr && !sendQueueEmpty()) trySendNext();
+}
+
+FT_STATUS Rack::writeMasterFrame(const uint8_t* frame)
+{
+    lockLinkForWrite();
+    if (lost()) {
+        unlockLinkAfterWrite();
+        return FT_DEVICE_NOT_FOUND;
+    }
+    uint32_t written = 0;
+    const FT_STATUS status = FT_Write(ftHandle, const_cast<uint8_t*>(frame), 5, &written);
+    unlockLinkAfterWrite();
+    if (status != FT_OK) logWrite("FT_Write failed - " + decimalText(static_cast<uint32_t>(status)));
+    noteLinkStatus(status);
+    return status;
+}
+
+// On the receive thread, which alone reads the link. The link is marked
+// lost under sendMutex_, so no slot's frame is written to the closed handle;
+// the turns queued are dropped and the rack lock freed, and every waiting
+// exchange is woken by its reader's unavailability.
+bool Rack::bringUpOverdue(uint32_t nowTick) const
+{
+    return bringUpRunning_.load(std::memory_order_acquire) && !enumerated() && !lost() &&
+           nowTick - bringUpStartedAt_.load(std::memory_order_acquire) > kBringUpLimitMs;
+}
+
+void Rack::giveUpBringUp() { giveUpPending_.store(true, std::memory_order_release); }
+
+void Rack::loseLink(const char* why)
+{
+    lossPending_.store(false, std::memory_order_release);
+    giveUpPending_.store(false, std::memory_order_release);
+    bringUpRunning_.store(false, std::memory_order_release);
+    lockLinkForWrite();
+    lost_.store(true, std::memory_order_release);
+    everLost_.store(true, std::memory_order_release);
+    sendMutex_.unlock();
+    if (!linkClosed_.exchange(true)) FT_Close(ftHandle);
+    logWrite("Rack " + serial + " " + why + "\n");
+    {
+        platform::LockGuard guard(sendQueueGuard_);
+        sendQueue_.clear();
+        lockHolder_.store(nullptr);
+    }
+    for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->leaveListing();
+    for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->markUnavailable();
+    cardEvents().notify();
+}
+
+// The device is in the device list again: open it, reset the rack and
+// enumerate it. The readers come back as the slot map names them
+// (handleEnumerationReply). If the open fails the rack stays lost and the
+// next search tries again.
+void Rack::comeBack()
+{
+    FT_HANDLE handle = nullptr;
+    FT_STATUS status = FT_OpenEx(const_cast<char*>(serial.c_str()), FT_OPEN_BY_SERIAL_NUMBER, &handle);
+    if (status != FT_OK) return;
+    lockLinkForWrite();
+    ftHandle = handle;
+    linkClosed_.store(false);
+    failuresInRow_.store(0, std::memory_order_release);
+    lossPending_.store(false, std::memory_order_release);
+    lost_.store(false, std::memory_order_release);
+    sendMutex_.unlock();
+    FT_SetBaudRate(ftHandle, 115200);
+    FT_SetDataCharacteristics(ftHandle, 8, 0, 0);
+    setUpFastLink();
+    assembler.restart();
+    assembler.linkSeen(platform::wallClockMs());
+    statusCount_.store(0, std::memory_order_release);
+    enumerated_.store(0, std::memory_order_release);
+    logWrite("Rack " + serial + " back\n");
+    reset();
+    startEnumeration();
+}
+
 FT_STATUS Rack::close()
 {
     if (ftHandle == nullptr) return FT_OK;
     logWrite("Disconnecting from card rack\n");
-    linkClosed_.store(true);
+    if (linkClosed_.exchange(true)) return FT_OK;
     return FT_Close(ftHandle);
 }
 
 void Rack::reset()
+{
+    sendReset();
+    platform::pauseMs(kResetPauseMs);
+}
+
+void Rack::sendReset()
 {
     logWrite("reset\n");
     {
@@ -87,25 +199,23 @@ void Rack::reset()
     for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->blocked.store(0, std::memory_order_release);
     cardEvents().notify();
     logWrite("ResettingRack: " + tracedBytes(TracedBytes::frame, RackFrame::resetFrame, 5) + "\n");
-    uint32_t written = 0;
-    FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::resetFrame), 5, &written);
-    platform::pauseMs(1500);
+    writeMasterFrame(RackFrame::resetFrame);
 }
 
 void Rack::startEnumeration()
 {
     if (!connected()) return;
     logWrite("enum\n");
+    bringUpStartedAt_.store(platform::tickCount(), std::memory_order_release);
+    bringUpRunning_.store(true, std::memory_order_release);
     logWrite("StartingEnum: " + tracedBytes(TracedBytes::frame, RackFrame::enumerateFrame, 5) + "\n");
-    uint32_t written = 0;
-    FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::enumerateFrame), 5, &written);
+    writeMasterFrame(RackFrame::enumerateFrame);
 }
 
 void Rack::finishEnumeration()
 {
     logWrite("c2\n");
-    uint32_t written = 0;
-    FT_Write(ftHandle, const_cast<uint8_t*>(RackFrame::statusCollectedFrame), 5, &written);
+    writeMasterFrame(RackFrame::statusCollectedFrame);
 }
 
 uint32_t Rack::countStatus()

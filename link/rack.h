@@ -38,8 +38,43 @@ public:
     // Device link and the frames to the master.
     FT_STATUS open(const char* serialNumber);
     FT_STATUS close();
+
+    // Loss and return of the device. Every D2XX status of the link goes
+    // through noteLinkStatus: a call that fails with FT_IO_ERROR,
+    // FT_DEVICE_NOT_FOUND or FT_INVALID_HANDLE kLinkFailuresForLoss times in
+    // a row, with no call that succeeds in between, means the device has
+    // gone (an unplugged cable, a hub reset, a rack without power). The
+    // receive thread polls the link every 5 ms, so a device that fails every
+    // call is found lost within a few polls, while a single failed write
+    // between good polls is only that write's failure. The receive thread
+    // then closes the link, traces "Rack <serial> lost" once, and makes
+    // every reader unavailable (Reader::markUnavailable).
+    static constexpr uint32_t kLinkFailuresForLoss = 3;
+    void noteLinkStatus(FT_STATUS status);
+    bool lost() const { return lost_.load(std::memory_order_acquire); }
+    // True once the rack has been lost at least once, or its first bring-up
+    // was given up: waits for the first bring-up no longer count it.
+    bool everLost() const { return everLost_.load(std::memory_order_acquire); }
+    // Asks the receive thread of a lost rack to open its device again, reset
+    // the rack and enumerate it (the device is back in the device list).
+    void requestReopen();
     void reset() EXCLUDES(sendQueueGuard_);
+    // The reset without its pause, for racks brought up together: each is
+    // sent its reset, and one pause serves them all.
+    void sendReset() EXCLUDES(sendQueueGuard_);
+    static constexpr uint32_t kResetPauseMs = 1500;
     void startEnumeration();
+
+    // A bring-up (from the enumerate frame to the master's closing frame)
+    // that takes longer than kBringUpLimitMs on the library's clock is
+    // given up: the rack's fixed pauses (1.5 s after the reset, 3 s before
+    // the statuses) and the wire time of 240 slots' statuses take about
+    // 5.6 s, so the limit leaves room for a loaded machine. A rack given up
+    // is closed and traced ("Rack <serial> bring-up failed") by its receive
+    // thread and then treated as lost: the search tries it again.
+    static constexpr uint32_t kBringUpLimitMs = 10000;
+    bool bringUpOverdue(uint32_t nowTick) const;
+    void giveUpBringUp();
     void finishEnumeration();
 
     // Receive reassembly: the loop pauses 5 ms before each pass.
@@ -54,6 +89,8 @@ public:
     void handleEnumerationReply(const uint8_t* frame);
     void addReader(uint32_t address);
     void pollReaders();
+    // Statuses the bring-up collects: one per slot of the latest slot map.
+    uint32_t expectedStatuses() const { return expectedStatuses_.load(std::memory_order_acquire); }
 
     // Send queue and rack lock.
     enum class Direction { toReader, fromReader };
@@ -69,12 +106,18 @@ public:
     Reader* lockHolder() const { return lockHolder_.load(); }
     // Turns waiting in the send queue, read under the queue's guard.
     size_t queuedTurns() EXCLUDES(sendQueueGuard_);
+    // Takes every turn of `reader` out of the send queue: its caller gave
+    // up waiting, and the frame must not go out behind its back.
+    void withdrawTurns(Reader* reader) EXCLUDES(sendQueueGuard_);
     void selectProtocol(Reader* reader);
     void requestStatus(Reader* reader);
     void forwardToReader(Reader* reader, const uint8_t* bytes, uint32_t count, Direction direction);
 
-    // The readers, in the order of the slot map; the list only grows.
+    // The readers, in the order of the slot map; the list only grows. A
+    // reader stays in it after its slot has gone (unavailable), and the
+    // same object serves the slot when it comes back.
     const GrowingList<Reader*>& readers() const { return readers_; }
+    // One look in a table by address, no walk.
     Reader* readerByAddress(uint32_t address) const;
     const std::string& serialNumber() const { return serial; }
     bool connected() const { return connected_.load(std::memory_order_acquire) != 0; }
@@ -96,6 +139,16 @@ public:
     FT_HANDLE ftHandle = nullptr;
 
 private:
+    // The receive thread's side of loss and return.
+    void loseLink(const char* why = "lost");
+    void comeBack();
+    // Holds sendMutex_ for a write that is not a slot's turn (the frames to
+    // the master, the close and reopen of the link), trying until it gets
+    // it: its holders only ever write one frame. Hands on the turn that a
+    // sender lost to it once released.
+    void lockLinkForWrite() ACQUIRE(sendMutex_);
+    void unlockLinkAfterWrite() RELEASE(sendMutex_);
+    FT_STATUS writeMasterFrame(const uint8_t* frame) EXCLUDES(sendMutex_);
     // A pause of a worker thread that ends early once the workers are told
     // to stop, so that the stop path never waits out a long pause.
     void workerPause(uint32_t milliseconds);
@@ -115,6 +168,16 @@ private:
     // The step from a free rack lock to a written frame; only ever tried.
     platform::TryMutex sendMutex_;
     std::atomic<Reader*> lockHolder_{nullptr};
+    std::atomic<uint32_t> failuresInRow_{0};
+    std::atomic<bool> lossPending_{false};
+    std::atomic<bool> giveUpPending_{false};
+    std::atomic<bool> bringUpRunning_{false};
+    std::atomic<uint32_t> bringUpStartedAt_{0};
+    std::atomic<bool> lost_{false};
+    std::atomic<bool> everLost_{false};
+    std::atomic<bool> reopenWanted_{false};
+    std::atomic<uint32_t> expectedStatuses_{0};
+    std::atomic<Reader*> byAddress_[256] = {};
     std::atomic<uint32_t> statusCount_{0};
     platform::WorkerThread workers_[2];  // 0: status loop, 1: receive loop
     GrowingList<Reader*> readers_;

@@ -10,6 +10,9 @@
 namespace {
 
 constexpr uint32_t kPollMs = 5;
+// While the device is lost the thread only waits for the word that it is
+// back (requestReopen wakes it at once); this bounds a wake that went astray.
+constexpr uint32_t kLostPauseMs = 100;
 
 }  // namespace
 
@@ -17,8 +20,19 @@ void Rack::receiveLoop()
 {
     assembler.linkSeen(platform::wallClockMs());
     while (!stopping()) {
+        if (lost()) {
+            if (reopenWanted_.exchange(false, std::memory_order_acq_rel))
+                comeBack();
+            else
+                workerPause(kLostPauseMs);
+            continue;
+        }
         pauseBetweenPolls(kPollMs);
         receivePass(platform::wallClockMs());
+        if (lossPending_.load(std::memory_order_acquire))
+            loseLink();
+        else if (giveUpPending_.load(std::memory_order_acquire))
+            loseLink("bring-up failed");
     }
 }
 
@@ -29,7 +43,9 @@ uint32_t Rack::receivePass(int64_t nowMs)
     // is looked at before the give-up test: bytes waiting there mean the
     // link is not quiet, however long this thread was away.
     uint32_t waiting = 0;
-    FT_GetQueueStatus(ftHandle, &waiting);
+    const FT_STATUS status = FT_GetQueueStatus(ftHandle, &waiting);
+    noteLinkStatus(status);
+    if (status != FT_OK) waiting = 0;
     if (assembler.shouldGiveUp(nowMs, waiting)) assembler.giveUp();
     if (waiting > 0) {
         assembler.linkSeen(nowMs);
@@ -44,7 +60,9 @@ void Rack::receiveBytes(uint32_t waiting)
     if (wanted > 0) {
         uint8_t chunk[FrameAssembler::largestRead] = {};
         uint32_t got = 0;
-        FT_Read(ftHandle, chunk, wanted, &got);
+        const FT_STATUS status = FT_Read(ftHandle, chunk, wanted, &got);
+        noteLinkStatus(status);
+        if (status != FT_OK) got = 0;
         if (got > wanted) got = wanted;  // never trust a count beyond the request
         assembler.append(chunk, got);
         logWrite("Received " + decimalText(assembler.heldCount()) + " bytes from rack " + serial + ": " +

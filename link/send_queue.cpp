@@ -30,6 +30,16 @@ void Rack::trySendNext()
 {
     for (;;) {
         if (!sendMutex_.tryLock()) return;
+        if (lost()) {
+            // Nothing goes to a closed link: the waiting exchanges learn of
+            // the loss from their readers.
+            {
+                platform::LockGuard guard(sendQueueGuard_);
+                sendQueue_.clear();
+            }
+            sendMutex_.unlock();
+            return;
+        }
         if (lockHolder_.load() == nullptr) {
             Reader* next = nullptr;
             {
@@ -47,7 +57,17 @@ void Rack::trySendNext()
                     lockHolder_.store(next);
                 }
             }
-            if (next != nullptr) next->send(ftHandle);
+            if (next != nullptr) {
+                const FT_STATUS status = next->send(ftHandle);
+                noteLinkStatus(status);
+                // A frame that never reached the device gets no answer to
+                // free the lock: the turn is over, the lock goes to the next
+                // one, and the reader's exchange learns of the failure.
+                if (status != FT_OK) {
+                    Reader* holder = next;
+                    lockHolder_.compare_exchange_strong(holder, nullptr);
+                }
+            }
         }
         sendMutex_.unlock();
         // A release or an enqueue that lost the try-lock to us while we held
@@ -55,6 +75,13 @@ void Rack::trySendNext()
         // message stays queued behind a free lock with nobody to send it.
         if (lockHolder_.load() != nullptr || sendQueueEmpty()) return;
     }
+}
+
+void Rack::withdrawTurns(Reader* reader)
+{
+    platform::LockGuard guard(sendQueueGuard_);
+    for (auto turn = sendQueue_.begin(); turn != sendQueue_.end();)
+        turn = *turn == reader ? sendQueue_.erase(turn) : turn + 1;
 }
 
 void Rack::unlock()

@@ -18,12 +18,14 @@ constexpr uint32_t kSendWaitMs = 120000;
 // Waits until the selection has been written to the link. A selection that
 // gave up while it still stood in the send queue would go out later, take
 // the bus and, from a silent slot, keep it for good.
-bool waitForSent(Reader& reader)
+// A write that failed, or a reader that went unavailable, ends it at once.
+bool waitForSent(Reader& reader, uint32_t failuresBefore)
 {
     const platform::Signal::Deadline limit = platform::Signal::deadlineIn(kSendWaitMs);
     for (;;) {
         const uint32_t seen = reader.activity.generation();
         if (reader.hasSent() != 0) return true;
+        if (reader.sendFailures() != failuresBefore || !reader.available()) return false;
         if (!reader.activity.waitUntil(seen, limit)) return reader.hasSent() != 0;
     }
 }
@@ -37,6 +39,7 @@ bool waitForAnswerTo(Reader& reader, uint32_t ourFrame)
     const platform::Signal::Deadline limit = platform::Signal::deadlineIn(kReplyWaitMs);
     for (;;) {
         const uint32_t seen = reader.activity.generation();
+        if (!reader.available()) return false;
         if (reader.mailboxFull(false, true) != 0) {
             uint8_t frame[Mailbox::capacity];
             uint32_t sentWhenStored = 0;
@@ -64,8 +67,10 @@ bool powerCard(Rack& rack, Reader& reader, uint32_t activeProtocol)
     // The turn keeps every other host call off this slot, so the next frame
     // the slot is given the bus for is ours.
     const uint32_t ourFrame = reader.framesSent.load(std::memory_order_acquire) + 1;
+    const uint32_t failuresBefore = reader.sendFailures();
     rack.selectProtocol(&reader);
-    const bool answered = waitForSent(reader) && waitForAnswerTo(reader, ourFrame);
+    const bool answered = waitForSent(reader, failuresBefore) && waitForAnswerTo(reader, ourFrame);
+    if (!answered) rack.withdrawTurns(&reader);
     if (!answered) logWrite(reader.name + " no answer to the protocol selection\n");
     rack.unlockIfHeldBy(reader.address);
     reader.clearIncoming();

@@ -211,6 +211,7 @@ LONG bringUp(Table& t, Rack& rack, Reader& reader, DWORD preferred, bool reset, 
         const LONG allowed = stillAllowed(t, reader, asker);
         if (allowed != SCARD_S_SUCCESS) return allowed;
         ReaderHold& hold = t.readers[&reader];
+        if (!reader.available()) return SCARD_E_READER_UNAVAILABLE;
         if (reader.atrLength() == 0) return SCARD_E_NO_SMARTCARD;
         if (!mustPower && poweredNow(hold, reader)) {
             if (!allows(preferred, hold.protocol)) return SCARD_E_PROTO_MISMATCH;
@@ -231,7 +232,7 @@ LONG bringUp(Table& t, Rack& rack, Reader& reader, DWORD preferred, bool reset, 
         t.changed.notify();
         if (!answered) {
             after.powered = false;
-            return SCARD_W_UNRESPONSIVE_CARD;
+            return reader.available() ? SCARD_W_UNRESPONSIVE_CARD : SCARD_E_READER_UNAVAILABLE;
         }
         // A card that changed while it was selected is powered afresh.
         if (reader.eventCount() != events) {

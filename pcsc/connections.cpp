@@ -143,7 +143,9 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR
         logWrite("Got rack\n");
         logWrite("Got reader\n");
     }
-    if (found.reader == nullptr) {
+    // A reader whose rack is lost, or whose slot left the slot map, is
+    // refused at once, as one that was never there.
+    if (found.reader == nullptr || !found.reader->available()) {
         logWrite("No Reader\n");
         return SCARD_E_READER_UNAVAILABLE;
     }
@@ -160,7 +162,7 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWST
     if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
 
     const RackReader found = findReaderByWideName(szReader);
-    if (found.reader == nullptr) return SCARD_E_READER_UNAVAILABLE;
+    if (found.reader == nullptr || !found.reader->available()) return SCARD_E_READER_UNAVAILABLE;
     return connectToReader(hContext, found, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol, false);
 }
 

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "pcsc/rack_rescan.h"
 #include "pcsc/registry.h"
 
 namespace {
@@ -20,6 +21,7 @@ void shutDown()
     if (done.exchange(true)) return;
     CloseConnections();
     waitForDiscoveryThreads();
+    stopRackRescan();
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) g_racks[i]->stopWorkers();
 }
 

@@ -78,6 +78,9 @@ std::basic_string<Char> composeReaderList()
     for (size_t r = 0, racks = g_racks.size(); r < racks; ++r) {
         const GrowingList<Reader*>& readers = g_racks[r]->readers();
         for (size_t i = 0, n = readers.size(); i < n; ++i) {
+            // A reader of a lost rack, or of a slot no longer in its slot
+            // map, is not listed until it is back.
+            if (!readers[i]->available()) continue;
             ListingForm<Char>::appendName(list, *readers[i]);
             list.push_back(Char(0));
         }

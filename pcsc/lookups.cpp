@@ -1,12 +1,19 @@
-// By name: plain walks from the front over every rack's readers, first
-// match wins. They take no lock; the lists they walk only grow and publish
-// complete elements. By card handle: one look in the connection table.
+// By name: one look in a map from name to reader, filled on the first
+// lookup of each name by a walk from the front over every rack's readers
+// (first match wins). Readers are never freed while the library runs and
+// their names never change, so an entry once made stays right; a name that
+// matches no reader is walked for each time and never stored. A status
+// change over thousands of records thus costs one hash look per record
+// instead of a walk over every rack. By card handle: one look in the
+// connection table.
 #include "pcsc/lookups.h"
 
 #include "pcsc/connection_table.h"
 
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "link/rack.h"
 #include "pcsc/registry.h"
@@ -20,6 +27,18 @@ bool sameWideName(const std::string& name, const wchar_t* wide)
     for (; i < name.size(); ++i)
         if (wide[i] != static_cast<wchar_t>(static_cast<unsigned char>(name[i]))) return false;
     return wide[i] == L'\0';
+}
+
+struct NameMap {
+    std::mutex guard;
+    std::unordered_map<std::string, RackReader> readers;
+};
+
+// Never destroyed: host threads may look names up while the process exits.
+NameMap& nameMap()
+{
+    static NameMap* map = new NameMap;
+    return *map;
 }
 
 template <typename Match>
@@ -38,13 +57,36 @@ RackReader firstMatch(Match match)
 RackReader findReaderByName(const char* name)
 {
     if (name == nullptr) return {};
-    return firstMatch([name](const Reader& reader) { return reader.name == name; });
+    NameMap& map = nameMap();
+    const std::string key(name);
+    {
+        std::lock_guard<std::mutex> hold(map.guard);
+        auto found = map.readers.find(key);
+        if (found != map.readers.end()) return found->second;
+    }
+    const RackReader walked = firstMatch([&key](const Reader& reader) { return reader.name == key; });
+    if (walked.reader != nullptr) {
+        std::lock_guard<std::mutex> hold(map.guard);
+        map.readers.emplace(key, walked);
+    }
+    return walked;
 }
 
 RackReader findReaderByWideName(const wchar_t* name)
 {
     if (name == nullptr) return {};
-    return firstMatch([name](const Reader& reader) { return sameWideName(reader.name, name); });
+    // Reader names are widened character by character, so a wide name with
+    // a character above 255 names no reader.
+    std::string narrow;
+    for (const wchar_t* c = name; *c != L'\0'; ++c) {
+        if (static_cast<unsigned long>(*c) > 0xFF) return {};
+        narrow.push_back(static_cast<char>(static_cast<unsigned char>(*c)));
+    }
+    const RackReader found = findReaderByName(narrow.c_str());
+    // The same test as the walk made, for a name whose narrowed form the
+    // map took from another reader.
+    if (found.reader != nullptr && !sameWideName(found.reader->name, name)) return {};
+    return found;
 }
 
 RackReader findReaderByCardHandle(SCARDHANDLE hCard)
@@ -54,4 +96,11 @@ RackReader findReaderByCardHandle(SCARDHANDLE hCard)
     return {connection.rack, connection.reader};
 }
 
-void forgetCardHandles() { connection_table::forgetConnections(); }
+void forgetCardHandles()
+{
+    connection_table::forgetConnections();
+    // The readers go with the racks: the names must not find them.
+    NameMap& map = nameMap();
+    std::lock_guard<std::mutex> hold(map.guard);
+    map.readers.clear();
+}

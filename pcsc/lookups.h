@@ -20,5 +20,6 @@ RackReader findReaderByWideName(const wchar_t* name);
 // belongs to a released context or to the parent of a forked process.
 RackReader findReaderByCardHandle(SCARDHANDLE hCard);
 
-// Forgets every card handle: the stop path, before the readers go.
+// Forgets every card handle and every name looked up: the stop path,
+// before the readers go.
 void forgetCardHandles();

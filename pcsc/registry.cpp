@@ -27,6 +27,7 @@
 #include "platform/thread.h"
 #include "platform/timer_resolution.h"
 #include "pcsc/lookups.h"
+#include "pcsc/rack_rescan.h"
 #include "reader/reader.h"
 
 // Constructed in this order: racks, vendor name, card handles, log path.
@@ -72,6 +73,9 @@ unsigned long discoveryThread(void*)
 {
     std::srand(static_cast<unsigned>(static_cast<uint32_t>(std::time(nullptr))));
     discoverRacks();
+    // From here on, racks that come back or are plugged in later are
+    // picked up while the library runs.
+    startRackRescan();
     return 0;
 }
 
@@ -114,6 +118,20 @@ std::vector<std::string> rackSelection()
     return serials;
 }
 
+// The selection of the last search, for the searches that follow while the
+// library runs: TESSEL_RACKS is read once, by the search at load.
+std::mutex& selectionLock()
+{
+    static std::mutex* lock = new std::mutex;
+    return *lock;
+}
+
+std::vector<std::string>& selectionStore()
+{
+    static std::vector<std::string>* serials = new std::vector<std::string>;
+    return *serials;
+}
+
 bool selected(const std::vector<std::string>& selection, const char* serial)
 {
     if (selection.empty()) return true;
@@ -144,9 +162,19 @@ std::string openFailure(const FT_DEVICE_LIST_INFO_NODE& record, int32_t status)
 
 }  // namespace
 
+bool rackSelected(const char* serial)
+{
+    std::lock_guard<std::mutex> guard(selectionLock());
+    return selected(selectionStore(), serial);
+}
+
 void discoverRacks()
 {
     const std::vector<std::string> selection = rackSelection();
+    {
+        std::lock_guard<std::mutex> guard(selectionLock());
+        selectionStore() = selection;
+    }
     uint32_t count = 0;
     if (FT_ListDevices(&count, nullptr, FT_LIST_NUMBER_ONLY) != FT_OK) {
         logWrite("Failed to list number of devices.");
@@ -173,6 +201,7 @@ void discoverRacks()
     // more than the array holds.
     if (listed < count) count = listed;
 
+    std::vector<Rack*> opened;
     for (uint32_t i = 0; i < count; ++i) {
         FT_DEVICE_LIST_INFO_NODE& record = records[i];
         record.Description[sizeof record.Description - 1] = '\0';
@@ -183,22 +212,15 @@ void discoverRacks()
             logWrite(std::string("Rack ") + record.SerialNumber + " left out: not in TESSEL_RACKS\n");
             continue;
         }
-
-        Rack* rack = nullptr;
-        try {
-            rack = new Rack(record.SerialNumber);
-        } catch (int32_t status) {
-            logWrite(openFailure(record, status));
-            continue;  // the next record is still served
-        }
-        if (!rack->connected()) {
-            delete rack;
-            continue;
-        }
-        rack->reset();
-        rack->startEnumeration();
-        g_racks.append(rack);
+        // A device that does not open is passed over, with the reason when
+        // the open itself failed; the next record is still served.
+        int32_t failure = 0;
+        if (Rack* rack = openRack(record.SerialNumber, &failure))
+            opened.push_back(rack);
+        else if (failure != 0)
+            logWrite(openFailure(record, failure));
     }
+    bringUpTogether(opened);
     if (g_racks.size() == 0) logWrite("No racks found!");
     delete[] records;
 }
@@ -210,8 +232,9 @@ bool allRacksEnumerated()
     size_t count = g_racks.size();
     if (count == 0) return false;
     size_t done = 0;
+    // A rack lost since, or given up, holds up no one.
     for (size_t i = 0; i < count; ++i)
-        if (g_racks[i]->enumerated()) ++done;
+        if (g_racks[i]->enumerated() || g_racks[i]->everLost()) ++done;
     return done == count;
 }
 
@@ -225,6 +248,7 @@ namespace registry_testing {
 void shutdownAllRacks()
 {
     waitForDiscoveryThreads();
+    stopRackRescan();
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) g_racks[i]->stopWorkers();
     for (size_t i = 0, n = g_racks.size(); i < n; ++i) delete g_racks[i];
     g_racks.clear();

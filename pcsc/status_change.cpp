@@ -33,6 +33,9 @@ constexpr uint32_t kInfiniteRecheckMs = 60000;
 
 constexpr DWORD kComparedFlags = SCARD_STATE_EMPTY | SCARD_STATE_PRESENT | SCARD_STATE_MUTE | SCARD_STATE_INUSE |
                                  SCARD_STATE_EXCLUSIVE;
+// Compared as well while the reader is unavailable. A reader that is there
+// differs from a host's "unavailable" in its card flags already.
+constexpr DWORD kGoneFlags = SCARD_STATE_UNAVAILABLE | SCARD_STATE_UNKNOWN;
 
 // The pseudo-reader's name, which clients write in any case.
 constexpr char kPnpName[] = "\\\\?PnP?\\Notification";
@@ -48,25 +51,33 @@ bool isPnpName(const Char* name)
     return name[i] == 0;
 }
 
-// The readers of every rack. They are fixed once the racks are up, so the
-// pseudo-reader reports the same number on every pass.
+// The readers a listing would name: every available reader of every rack.
+// It changes when a rack is lost or comes back, when a new rack is added
+// and when a slot leaves or joins a rack's slot map.
 DWORD readerCount()
 {
     DWORD count = 0;
-    for (size_t i = 0, n = g_racks.size(); i < n; ++i) count += static_cast<DWORD>(g_racks[i]->readers().size());
+    for (size_t i = 0, n = g_racks.size(); i < n; ++i) {
+        const GrowingList<Reader*>& readers = g_racks[i]->readers();
+        for (size_t r = 0, m = readers.size(); r < m; ++r)
+            if (readers[r]->available()) ++count;
+    }
     return count;
 }
 
 // The pseudo-reader's record: the number of readers in the high 16 bits,
-// and a change only when the host gave a number of its own that differs.
-// A host that knows nothing (0) is not woken by it, since there is no
-// reader event to report. It names no reader, so it never has an ATR.
+// and a change when it differs from the number the host gave, or, from a
+// host that gave none (0), from the number when the call began, as
+// pcsc-lite compares it: such a host is not woken at once, since there is
+// no reader event to report, but is woken when a rack goes or comes back
+// during its wait. It names no reader, so it never has an ATR.
 template <typename Record>
-bool refreshPnpRecord(Record& record)
+bool refreshPnpRecord(Record& record, DWORD countAtStart)
 {
     const DWORD count = readerCount();
-    const DWORD known = record.dwCurrentState >> 16;
-    const bool changed = known != 0 && known != count;
+    const DWORD given = record.dwCurrentState >> 16;
+    const DWORD known = given != 0 ? given : countAtStart;
+    const bool changed = known != count;
     record.dwEventState = (count << 16) | (changed ? SCARD_STATE_CHANGED : 0);
     record.cbAtr = 0;
     return changed;
@@ -99,6 +110,9 @@ struct StatusChangeForm<SCARD_READERSTATEW> {
 // connections to it.
 DWORD readerFlags(const Reader& reader, uint32_t cardState)
 {
+    // A reader that is unavailable is also gone from the listing, and is
+    // reported as pcsc-lite reports a reader that was removed.
+    if (!reader.available()) return kGoneFlags;
     DWORD flags = 0;
     if (cardState == kStateNoCard) {
         flags = SCARD_STATE_EMPTY;
@@ -121,10 +135,10 @@ DWORD readerFlags(const Reader& reader, uint32_t cardState)
 // a change when the count moved, so a card swapped between two calls is not
 // missed. A host that knows nothing (SCARD_STATE_UNAWARE) always sees one.
 template <typename Record>
-bool refreshRecord(Record& record)
+bool refreshRecord(Record& record, DWORD countAtStart)
 {
     using Form = StatusChangeForm<Record>;
-    if (isPnpName(record.szReader)) return refreshPnpRecord(record);
+    if (isPnpName(record.szReader)) return refreshPnpRecord(record, countAtStart);
     // Readers are never removed, so a name checked at the start of the call
     // still finds its reader; the test only guards against a torn-down
     // library.
@@ -147,7 +161,8 @@ bool refreshRecord(Record& record)
     const DWORD flags = readerFlags(*reader, state);
     const DWORD known = record.dwCurrentState;
     const DWORD knownEvents = (known >> 16) & 0xFFFF;
-    bool changed = known == SCARD_STATE_UNAWARE || (flags & kComparedFlags) != (known & kComparedFlags);
+    const DWORD compared = kComparedFlags | ((flags & kGoneFlags) != 0 ? kGoneFlags : 0);
+    bool changed = known == SCARD_STATE_UNAWARE || (flags & compared) != (known & compared);
     if (knownEvents != 0 && knownEvents != events) changed = true;
     record.dwEventState = (static_cast<DWORD>(events) << 16) | flags | (changed ? SCARD_STATE_CHANGED : 0);
     return changed;
@@ -198,6 +213,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     const bool infinite = dwTimeout == INFINITE || dwTimeout > 0xFFFFFFFFu;
     const uint32_t limitMs = infinite ? 0 : static_cast<uint32_t>(dwTimeout);
     const uint32_t start = platform::tickCount();
+    const DWORD countAtStart = readerCount();
     platform::Signal& events = cardEvents();
     for (;;) {
         const uint32_t seen = events.generation();
@@ -210,7 +226,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
         bool changed = false;
         for (DWORD i = 0; i < count; ++i) {
             if ((records[i].dwCurrentState & SCARD_STATE_IGNORE) != 0) continue;
-            if (refreshRecord(records[i])) changed = true;
+            if (refreshRecord(records[i], countAtStart)) changed = true;
         }
         if (changed) return SCARD_S_SUCCESS;
         if (infinite) {

@@ -49,6 +49,11 @@ extern "C" TESSEL_EXPORT LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_I
         return SCARD_E_TIMEOUT;
     case ExchangeOutcome::cardGone:
         return SCARD_W_REMOVED_CARD;
+    case ExchangeOutcome::readerGone:
+        return SCARD_E_READER_UNAVAILABLE;
+    case ExchangeOutcome::writeFailed:
+        // As pcsc-lite reports a reader driver's failed transmission.
+        return SCARD_E_NOT_TRANSACTED;
     case ExchangeOutcome::noAnswer:
         *pcbRecvLength = result.answerLength;
         return SCARD_E_TIMEOUT;

@@ -42,10 +42,19 @@ constexpr uint32_t kExtendedDataOffset = 5;
 // lasts, so a thread stuck in the queue still shows in the log. Other wakes
 // of the reader's signal (a frame from the slot, a turn given back) sleep
 // on to the same second.
-bool waitForSend(Reader* reader)
+// It also ends, with false, when the write of the frame failed (the count
+// of the reader's failed writes moved on from `failuresBefore`) or the
+// reader became unavailable: no answer can come then.
+bool sendCannotComplete(const Reader* reader, uint32_t failuresBefore)
+{
+    return reader->sendFailures() != failuresBefore || !reader->available();
+}
+
+bool waitForSend(Reader* reader, uint32_t failuresBefore)
 {
     const platform::Signal::Deadline limit = platform::Signal::deadlineIn(kWriteWaitMs);
     while (reader->hasSent() == 0) {
+        if (sendCannotComplete(reader, failuresBefore)) return false;
         if (platform::Signal::reached(limit)) return false;
         logWrite("waiting for send\n");
         const platform::Signal::Deadline traceAgain =
@@ -53,6 +62,7 @@ bool waitForSend(Reader* reader)
         for (;;) {
             const uint32_t seen = reader->activity.generation();
             if (reader->hasSent() != 0) return true;
+            if (sendCannotComplete(reader, failuresBefore)) return false;
             if (!reader->activity.waitUntil(seen, traceAgain)) break;
         }
     }
@@ -131,14 +141,30 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
     // One exchange with the slot at a time: a second host thread on the
     // same reader would share its mailboxes and could take this answer.
     ReaderTurn turn(&reader);
+    ExchangeResult result;
+    if (!reader.available()) {
+        result.outcome = ExchangeOutcome::readerGone;
+        return result;
+    }
+    const uint32_t failuresBefore = reader.sendFailures();
     rack.forwardToReader(&reader, command, length, Rack::Direction::toReader);
     logWrite("Finished write\n");
 
-    ExchangeResult result;
-    if (!waitForSend(&reader)) {
-        // The frame may still stand in the send queue and go out when its
-        // turn comes, after the host has been told of the time-out.
+    if (!waitForSend(&reader, failuresBefore)) {
+        // The caller gives up: its turn leaves the send queue, so that the
+        // frame never goes out after the host has been told it did not.
+        rack.withdrawTurns(&reader);
         rack.unlockIfHeldBy(reader.address);
+        if (!reader.available()) {
+            logWrite(reader.name + " : reader gone\n");
+            result.outcome = ExchangeOutcome::readerGone;
+            return result;
+        }
+        if (reader.sendFailures() != failuresBefore) {
+            logWrite(reader.name + " : write failed\n");
+            result.outcome = ExchangeOutcome::writeFailed;
+            return result;
+        }
         logWrite(reader.name + " : too long waiting for write the rack lock is " +
                  decimalText(static_cast<uint32_t>(rack.isLocked() ? 1 : 0)) + " msg buffer is " +
                  decimalText(static_cast<uint32_t>(reader.outgoing.unread.load())) + " and reader is " +
@@ -155,7 +181,7 @@ ExchangeResult exchange(Rack& rack, Reader& reader, const uint8_t* command, uint
     if (wait == AnswerWait::cardGone) {
         rack.unlockIfHeldBy(reader.address);
         logWrite(reader.name + " Card gone\n");
-        result.outcome = ExchangeOutcome::cardGone;
+        result.outcome = reader.available() ? ExchangeOutcome::cardGone : ExchangeOutcome::readerGone;
     } else if (wait == AnswerWait::timedOut) {
         rack.unlockIfHeldBy(reader.address);
         logWrite(reader.name + " Timeout - " + decimalText(lastTick / 1000) + "uSec\n");

@@ -19,6 +19,11 @@ enum class ExchangeOutcome {
     // The card left the slot (or turned mute, or was swapped) before its
     // answer came: the exchange ends at once instead of waiting it out.
     cardGone,
+    // The frame could not be written to the device; nothing was copied.
+    writeFailed,
+    // The reader became unavailable (its rack was lost, or its slot left
+    // the slot map) before the exchange ended.
+    readerGone,
 };
 
 struct ExchangeResult {

@@ -84,6 +84,8 @@ FT_STATUS Reader::send(FT_HANDLE device)
 
     if (status != FT_OK) {
         logWrite("FT_Write failed - " + decimalText(static_cast<uint32_t>(status)));
+        sendFailures_.fetch_add(1, std::memory_order_acq_rel);
+        activity.notify();
         return status;
     }
     hasSent_.store(1, std::memory_order_release);
@@ -109,8 +111,9 @@ void Reader::changeCard(const Atr& value, uint32_t state, uint32_t frameNumber)
                          std::memcmp(before.bytes, value.bytes, value.length) != 0;
     atr_.store(value);
     cardState_.store(state, std::memory_order_release);
-    // Only the status thread writes the card, so a load and a store suffice.
-    if (changed) eventCount_.store(eventCount_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    // The status thread writes the card, and the receive thread when the
+    // rack is lost: the count moves on by one for each.
+    if (changed) eventCount_.fetch_add(1, std::memory_order_acq_rel);
     // A frame that changed the card is no answer for a waiting exchange; one
     // that only repeats what is known (the answer to a protocol selection
     // during a bring-up that never ends) may be.
@@ -120,6 +123,33 @@ void Reader::changeCard(const Atr& value, uint32_t state, uint32_t frameNumber)
     cardEvents().notify();
     // An exchange waiting on this slot learns at once that its card went.
     if (changed) activity.notify();
+}
+
+void Reader::markUnavailable()
+{
+    available_.store(false, std::memory_order_release);
+    atr_.store(Atr());
+    cardState_.store(kStateNoCard, std::memory_order_release);
+    // Always an event, even for an empty slot: a direct connection to it
+    // must learn that its reader went.
+    eventCount_.fetch_add(1, std::memory_order_acq_rel);
+    uint8_t dropped[Mailbox::capacity];
+    outgoing.read(dropped);
+    incoming.read(dropped);
+    clearIncoming();
+    // Runs on the receive thread, whose alone these are: no removal from
+    // before the loss is counted after it.
+    lastTellsOfLostCard_.store(false, std::memory_order_relaxed);
+    replacedRemovals_.store(0, std::memory_order_release);
+    blocked.store(0, std::memory_order_release);
+    cardEvents().notify();
+    activity.notify();
+}
+
+void Reader::markAvailable()
+{
+    if (available_.exchange(true, std::memory_order_acq_rel)) return;
+    cardEvents().notify();
 }
 
 void Reader::takeTurn()

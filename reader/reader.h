@@ -88,6 +88,23 @@ public:
         return frameNumber != 0 && answerFrame_.load(std::memory_order_acquire) == frameNumber;
     }
 
+    // A reader is unavailable while its rack is lost, or while its slot is
+    // missing from the rack's latest slot map. Marking it so forgets the
+    // card (a card event, so every connection to it learns that its card is
+    // gone), drops the frames in its mailboxes and wakes everyone waiting
+    // on it; a reader made available again starts without a card, until
+    // the slot reports one.
+    bool available() const { return available_.load(std::memory_order_acquire); }
+    void markUnavailable();
+    void markAvailable();
+    // Only the first step of markUnavailable: the reader leaves the listing.
+    // A rack takes all its readers out this way first, so that a host woken
+    // by the first one's event never lists the others of the same rack.
+    void leaveListing() { available_.store(false, std::memory_order_release); }
+    // Writes of this slot's frames that failed; an exchange whose frame was
+    // not written ends instead of waiting for it.
+    uint32_t sendFailures() const { return sendFailures_.load(std::memory_order_acquire); }
+
     // Two host threads that exchange with the same slot would share one
     // pair of mailboxes and could take each other's answers. Every host
     // call that sends to the slot and waits for its reply (connect,
@@ -133,6 +150,8 @@ private:
 
     std::atomic<uint32_t> turn_{0};
     std::atomic<uint32_t> eventCount_{0};
+    std::atomic<bool> available_{true};
+    std::atomic<uint32_t> sendFailures_{0};
     // The receive thread's alone: whether the last incoming frame told of a
     // lost card; and the count of such frames replaced unread.
     std::atomic<bool> lastTellsOfLostCard_{false};

@@ -49,6 +49,8 @@ void runStatusWorker(Rack& rack)
 
 void takeNewStatuses(Rack& rack)
 {
+    // The frames of a lost link were dropped with it (markUnavailable).
+    if (rack.lost()) return;
     const GrowingList<Reader*>& readers = rack.readers();
     for (size_t i = 0, n = readers.size(); i < n; ++i) {
         Reader* reader = readers[i];
@@ -81,7 +83,7 @@ void takeReaderStatus(Rack& rack, Reader& reader)
             logWrite(reader.name + ": Reader with card found.\n");
             reader.cardInserted(Atr(frame + 4, frame[2]), frameNumber);
         }
-        if (count == rack.readers().size()) {
+        if (count == rack.expectedStatuses()) {
             logWrite("SCR " + rack.serialNumber() + ": Status collection complete, sending C2\n");
             rack.finishEnumeration();
         }

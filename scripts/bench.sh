@@ -20,6 +20,11 @@
 #                               per second, pcsc-lite's ThreadSafeConnect
 #                               pattern and cold connects (about 10 s; not
 #                               published)
+#   scripts/bench.sh --farm     only the farm: 16 racks of 240 slots brought
+#                               up at once, the first context and what it
+#                               lists, a status-change pass over every
+#                               reader and the idle cost (about 15 s; writes
+#                               build/bench/farm-report.md; not published)
 #   scripts/bench.sh --wine [32|64|both]
 #                               the same for the Windows DLL under Wine
 #                               (default 32-bit; about 80 s per build once
@@ -47,18 +52,19 @@ while [ $# -gt 0 ]; do
     --quick) quick=(--quick) ;;
     --load) only=(--load-only) ;;
     --connections) only=(--connections-only) ;;
+    --farm) only=(--farm-only) ;;
     --wine)
       case "${2:-}" in
         32 | 64) wine_bits=("$2"); shift ;;
         both) wine_bits=(32 64); shift ;;
         *) wine_bits=(32) ;;
       esac ;;
-    *) echo "usage: $0 [--quick] [--publish | --load | --connections | --wine [32|64|both]]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--quick] [--publish | --load | --connections | --farm | --wine [32|64|both]]" >&2; exit 2 ;;
   esac
   shift
 done
 if [ "$publish" = yes ] && { [ ${#only[@]} -gt 0 ] || [ ${#wine_bits[@]} -gt 0 ]; }; then
-  echo "bench: --load, --connections and --wine make partial reports; they are not published" >&2
+  echo "bench: --load, --connections, --farm and --wine make partial reports; they are not published" >&2
   exit 2
 fi
 

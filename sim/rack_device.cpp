@@ -79,6 +79,21 @@ void RackDevice::close()
     line_.clear();
 }
 
+void RackDevice::powerCycle(Nanos now)
+{
+    if (!open_) return;
+    advance(now);
+    inbound_.clear();
+    inLineFreeAt_ = 0;
+    parser_.clear();
+    line_.clear();
+    busSlot_ = 0;
+    busAnswered_ = true;
+    for (Slot& s : slots_)
+        if (s.virtualCard) s.virtualCard->rackReset();
+    masterFrame(kEnumerate, now);
+}
+
 bool RackDevice::write(const uint8_t* bytes, size_t count, Nanos now)
 {
     advance(now);

@@ -64,6 +64,12 @@ public:
     const std::string& serial() const { return serial_; }
     Nanos addedAt() const { return addedAt_; }
 
+    // Whether the device is on the USB bus. An unplugged device is in no
+    // device list and cannot be opened; the registry fails the handles the
+    // host still holds.
+    bool plugged() const { return plugged_; }
+    void setPlugged(bool plugged) { plugged_ = plugged; }
+
     // Host side.
     bool isOpen() const { return open_; }
     void open(Nanos now);
@@ -89,6 +95,10 @@ public:
     // carries no data).
     void virtualCardAnswered(int address, const Bytes& answer, uint8_t status, Nanos now);
     void setDeviceFault(int fault, bool on);
+    // The rack loses power for a moment while its USB side stays: whatever
+    // was on the line or under way is gone, and the master, once up again,
+    // announces its slot map on its own.
+    void powerCycle(Nanos now);
     void injectBytes(const uint8_t* bytes, size_t count, Nanos now);
     void setWireRealism(bool on) { paced_ = on; }
     // The latency timer as the driver sets it for every open, and as the
@@ -131,6 +141,7 @@ private:
     std::array<Slot, kSlotCount> slots_{};
 
     bool open_ = false;
+    bool plugged_ = true;
     bool paced_ = false;
     bool byteAtATime_ = false;
     bool coalesce_ = false;

@@ -23,6 +23,15 @@ RackDevice* byHandle(FT_HANDLE handle)
     return found == handles.end() ? nullptr : found->second;
 }
 
+// What a call on a handle that names no open device gets.
+FT_STATUS goneStatus(FT_HANDLE handle)
+{
+    Registry& r = registry();
+    auto found = r.unpluggedHandles.find(reinterpret_cast<uintptr_t>(handle));
+    if (found == r.unpluggedHandles.end()) return FT_INVALID_HANDLE;
+    return found->second == r.listGeneration ? FT_IO_ERROR : FT_DEVICE_NOT_FOUND;
+}
+
 void copyText(char* to, size_t capacity, const std::string& from)
 {
     size_t n = std::min(capacity - 1, from.size());
@@ -51,6 +60,23 @@ RackDevice* deviceAt(int index)
     return devices[static_cast<size_t>(index)].get();
 }
 
+void setPluggedLocked(RackDevice& device, bool plugged)
+{
+    Registry& r = registry();
+    if (device.plugged() == plugged) return;
+    device.setPlugged(plugged);
+    if (plugged) return;
+    for (auto entry = r.handles.begin(); entry != r.handles.end();) {
+        if (entry->second != &device) {
+            ++entry;
+            continue;
+        }
+        r.unpluggedHandles[entry->first] = r.listGeneration;
+        entry = r.handles.erase(entry);
+    }
+    device.close();
+}
+
 FT_STATUS hostOpen(void* arg, uint32_t flags, FT_HANDLE* handle)
 {
     if (!arg || !handle) return FT_INVALID_PARAMETER;
@@ -60,7 +86,7 @@ FT_STATUS hostOpen(void* arg, uint32_t flags, FT_HANDLE* handle)
     Lock lock(r.mutex);
     for (auto& device : r.devices) {
         const std::string& name = flags == FT_OPEN_BY_SERIAL_NUMBER ? device->serial() : device->description();
-        if (name != wanted) continue;
+        if (name != wanted || !device->plugged()) continue;
         if (device->isOpen() || device->openFails) return FT_DEVICE_NOT_OPENED;
         uintptr_t id = r.nextHandle++;
         r.handles[id] = device.get();
@@ -76,7 +102,7 @@ FT_STATUS hostClose(FT_HANDLE handle)
     Registry& r = registry();
     Lock lock(r.mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return r.unpluggedHandles.erase(reinterpret_cast<uintptr_t>(handle)) != 0 ? FT_OK : FT_INVALID_HANDLE;
     r.handles.erase(reinterpret_cast<uintptr_t>(handle));
     device->close();
     return FT_OK;
@@ -87,7 +113,7 @@ FT_STATUS hostRead(FT_HANDLE handle, void* buffer, uint32_t wanted, uint32_t* go
     if (!got || (!buffer && wanted > 0)) return FT_INVALID_PARAMETER;
     Lock lock(registry().mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return goneStatus(handle);
     *got = static_cast<uint32_t>(device->read(static_cast<uint8_t*>(buffer), wanted, clockNow()));
     return FT_OK;
 }
@@ -97,7 +123,7 @@ FT_STATUS hostWrite(FT_HANDLE handle, const void* buffer, uint32_t count, uint32
     if (!written || (!buffer && count > 0)) return FT_INVALID_PARAMETER;
     Lock lock(registry().mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return goneStatus(handle);
     if (!device->write(static_cast<const uint8_t*>(buffer), count, clockNow())) {
         *written = 0;
         return FT_IO_ERROR;
@@ -110,7 +136,7 @@ FT_STATUS hostSetBaudRate(FT_HANDLE handle, uint32_t baud)
 {
     Lock lock(registry().mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return goneStatus(handle);
     device->setLine(baud);
     return FT_OK;
 }
@@ -119,7 +145,7 @@ FT_STATUS hostSetDataCharacteristics(FT_HANDLE handle, uint8_t wordLength, uint8
 {
     Lock lock(registry().mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return goneStatus(handle);
     device->setCharacteristics(wordLength, stopBits, parity);
     return FT_OK;
 }
@@ -129,7 +155,7 @@ FT_STATUS hostQueueStatus(FT_HANDLE handle, uint32_t* waiting)
     if (!waiting) return FT_INVALID_PARAMETER;
     Lock lock(registry().mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return goneStatus(handle);
     *waiting = static_cast<uint32_t>(device->queued(clockNow()));
     return FT_OK;
 }
@@ -139,7 +165,7 @@ FT_STATUS hostSetLatencyTimer(FT_HANDLE handle, uint8_t milliseconds)
 {
     Lock lock(registry().mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return goneStatus(handle);
     if (milliseconds < 1) return FT_INVALID_PARAMETER;
     if (device->refusesLatencyTimer) return FT_OTHER_ERROR;
     Nanos now = clockNow();
@@ -152,7 +178,7 @@ FT_STATUS hostSetEventNotification(FT_HANDLE handle, uint32_t mask, void* parame
 {
     Lock lock(registry().mutex);
     RackDevice* device = byHandle(handle);
-    if (!device) return FT_INVALID_HANDLE;
+    if (!device) return goneStatus(handle);
     // Only received characters are modelled; a mask without them, or no
     // event, stops the notification.
     device->setEventNotification(mask & FT_EVENT_RXCHAR, parameter);
@@ -163,7 +189,10 @@ FT_STATUS hostListDevices(void* arg1, void* arg2, uint32_t flags)
 {
     if (flags != FT_LIST_NUMBER_ONLY || !arg1) return FT_INVALID_PARAMETER;
     Lock lock(registry().mutex);
-    *static_cast<uint32_t*>(arg1) = static_cast<uint32_t>(registry().devices.size());
+    uint32_t plugged = 0;
+    for (auto& device : registry().devices)
+        if (device->plugged()) ++plugged;
+    *static_cast<uint32_t*>(arg1) = plugged;
     return FT_OK;
 }
 
@@ -173,7 +202,9 @@ FT_STATUS hostCreateDeviceInfoList(uint32_t* count)
     Registry& r = registry();
     Lock lock(r.mutex);
     r.infoList.clear();
-    for (auto& device : r.devices) r.infoList.push_back(device.get());
+    for (auto& device : r.devices)
+        if (device->plugged()) r.infoList.push_back(device.get());
+    ++r.listGeneration;
     r.infoListMade = true;
     *count = static_cast<uint32_t>(r.infoList.size());
     return FT_OK;
@@ -186,7 +217,8 @@ FT_STATUS hostGetDeviceInfoList(FT_DEVICE_LIST_INFO_NODE* records, uint32_t* cou
     Lock lock(r.mutex);
     std::vector<RackDevice*> list = r.infoList;
     if (!r.infoListMade)
-        for (auto& device : r.devices) list.push_back(device.get());
+        for (auto& device : r.devices)
+            if (device->plugged()) list.push_back(device.get());
     for (size_t i = 0; i < list.size(); ++i) {
         FT_DEVICE_LIST_INFO_NODE& record = records[i];
         std::memset(&record, 0, sizeof record);

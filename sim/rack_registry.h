@@ -20,6 +20,13 @@ struct Registry {
     // Handles are never reused, so that a stale one finds nothing.
     std::map<uintptr_t, RackDevice*> handles;
     uintptr_t nextHandle = 0x1000;
+    // Handles of devices unplugged while the host held them open, with the
+    // device-list generation of the unplug. Calls on them fail with
+    // FT_IO_ERROR, and with FT_DEVICE_NOT_FOUND once a newer device list
+    // (FT_CreateDeviceInfoList) no longer holds the device, as FTDI's
+    // library does; FT_Close frees them.
+    std::map<uintptr_t, uint32_t> unpluggedHandles;
+    uint32_t listGeneration = 0;
     // The list FT_CreateDeviceInfoList made, for FT_GetDeviceInfoList.
     std::vector<RackDevice*> infoList;
     bool infoListMade = false;
@@ -35,6 +42,10 @@ Nanos clockNow();
 
 // The device at a list index, or null. Lock held.
 RackDevice* deviceAt(int index);
+
+// Takes a device off the USB bus or puts it back; lock held. Unplugging
+// closes it and turns the host's handles to it into unplugged ones.
+void setPluggedLocked(RackDevice& device, bool plugged);
 
 // The D2XX functions, as the face passes them on.
 FT_STATUS hostOpen(void* arg, uint32_t flags, FT_HANDLE* handle);

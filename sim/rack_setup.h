@@ -17,6 +17,15 @@ constexpr int kMostRacks = 16;
 constexpr int kMostSlots = 240;
 constexpr size_t kMostAtrBytes = 32;
 
+// A timed event on the USB bus or at a rack's power switch.
+struct BusEvent {
+    enum class Kind { unplug, plug, powerCycle };
+    Kind kind = Kind::unplug;
+    std::string serial;
+    int atMs = 0;
+    int forMs = 0;  // unplug only: back this long after; 0 stays away
+};
+
 struct RackSetup {
     int racks = 1;
     int slotsPerRack = 4;
@@ -28,6 +37,7 @@ struct RackSetup {
     std::vector<VirtualCardSlots> virtualCards;  // slots of TR0001 given over to virtual cards
     int cardSwapAfterMs = 0;       // 0: none; else a card swap that long after set-up
     int cardSwapSlot = 1;          // the slot of TR0001 whose card is swapped
+    std::vector<BusEvent> busEvents;             // in the order given
 };
 
 // The longest wait for the card change or the swap, 10 minutes.
@@ -40,6 +50,8 @@ constexpr int kCardSwapGapMs = 1000;
 
 // The serial number of rack `rack` (from 0): "TR0001", ...
 std::string rackSerial(int rack);
+// The index of the rack of `setup` with this serial number, or -1.
+int rackIndexOf(const RackSetup& setup, const std::string& serial);
 
 // The ATR of a card when none is given: T=0 and T=1 offered, historical
 // bytes "TesselRack", with its check byte.
@@ -75,5 +87,9 @@ void startCardEvent(const RackSetup& setup);
 // swappedCardAtr() goes in. For clients that must see one card replaced by
 // another.
 void startCardSwap(const RackSetup& setup);
+// Makes the bus events of `setup` at their times from now, on a thread of
+// their own. Racks that are plugged in later are left out of the device
+// list by buildRacks already.
+void startBusEvents(const RackSetup& setup);
 
 }  // namespace racksim

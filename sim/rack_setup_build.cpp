@@ -1,5 +1,6 @@
 #include "sim/rack_setup.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -23,6 +24,8 @@ void buildRacks(const RackSetup& setup)
         }
     }
     attachVirtualCards(setup.virtualCards);
+    for (const BusEvent& event : setup.busEvents)
+        if (event.kind == BusEvent::Kind::plug) rackSimUnplug(rackIndexOf(setup, event.serial));
 }
 
 int cardEventSlot(const RackSetup& setup)
@@ -67,6 +70,40 @@ void startCardSwap(const RackSetup& setup)
         rackSimRemoveCard(0, slot);
         std::this_thread::sleep_for(std::chrono::milliseconds(kCardSwapGapMs));
         rackSimInsertCard(0, slot, atr.data(), static_cast<int>(atr.size()));
+    }).detach();
+}
+
+// Detached, as the card change: one thread walks the events in the order of
+// their moments.
+void startBusEvents(const RackSetup& setup)
+{
+    struct Step {
+        int atMs;
+        int device;
+        int action;  // 0 unplug, 1 plug, 2 power-cycle
+    };
+    std::vector<Step> steps;
+    for (const BusEvent& event : setup.busEvents) {
+        const int device = rackIndexOf(setup, event.serial);
+        switch (event.kind) {
+        case BusEvent::Kind::unplug:
+            steps.push_back({event.atMs, device, 0});
+            if (event.forMs > 0) steps.push_back({event.atMs + event.forMs, device, 1});
+            break;
+        case BusEvent::Kind::plug: steps.push_back({event.atMs, device, 1}); break;
+        case BusEvent::Kind::powerCycle: steps.push_back({event.atMs, device, 2}); break;
+        }
+    }
+    if (steps.empty()) return;
+    std::stable_sort(steps.begin(), steps.end(), [](const Step& a, const Step& b) { return a.atMs < b.atMs; });
+    std::thread([steps] {
+        const auto start = std::chrono::steady_clock::now();
+        for (const Step& step : steps) {
+            std::this_thread::sleep_until(start + std::chrono::milliseconds(step.atMs));
+            if (step.action == 0) rackSimUnplug(step.device);
+            if (step.action == 1) rackSimPlug(step.device);
+            if (step.action == 2) rackSimPowerCycle(step.device);
+        }
     }).detach();
 }
 

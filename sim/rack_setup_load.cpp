@@ -39,6 +39,7 @@ struct SetUpFromEnvironment {
         if (rackSimSetUp(text) > 0 && racksim::parseRackSetupText(text, setup, ignored)) {
             racksim::startCardEvent(setup);
             racksim::startCardSwap(setup);
+            racksim::startBusEvents(setup);
         }
     }
 } g_setUpFromEnvironment;

@@ -62,6 +62,29 @@ bool parseSwap(const std::string& value, RackSetup& setup, std::string& error)
     return at == std::string::npos || parseCount("swap slot", value.substr(at + 1), 1, kMostSlots, setup.cardSwapSlot, error);
 }
 
+// "TR0001@5000+3000": a serial, the moment in ms after set-up and, for an
+// unplug only, how long the rack stays away.
+bool parseBusEvent(const std::string& key, const std::string& text, BusEvent::Kind kind, RackSetup& setup,
+                   std::string& error)
+{
+    BusEvent event;
+    event.kind = kind;
+    const size_t at = text.find('@');
+    const size_t plus = text.find('+');
+    const bool shaped = at != std::string::npos && at > 0 && (plus == std::string::npos || plus > at);
+    if (!shaped || (plus != std::string::npos && kind != BusEvent::Kind::unplug)) {
+        error = key + " needs SERIAL@MS" + (kind == BusEvent::Kind::unplug ? "[+MS]" : "") + ", not \"" + text + "\"";
+        return false;
+    }
+    event.serial = text.substr(0, at);
+    const std::string when = text.substr(at + 1, plus == std::string::npos ? std::string::npos : plus - at - 1);
+    if (!parseCount(key, when, 0, kLongestCardEventMs, event.atMs, error)) return false;
+    if (plus != std::string::npos && !parseCount(key, text.substr(plus + 1), 1, kLongestCardEventMs, event.forMs, error))
+        return false;
+    setup.busEvents.push_back(event);
+    return true;
+}
+
 bool applySetting(const std::string& key, const std::string& value, RackSetup& setup, std::string& error)
 {
     if (key == "racks") return parseCount(key, value, 1, kMostRacks, setup.racks, error);
@@ -81,6 +104,11 @@ bool applySetting(const std::string& key, const std::string& value, RackSetup& s
         setup.virtualCards.emplace_back();
         return parseVirtualCardText(value, setup.virtualCards.back(), error);
     }
+    if (key == "unplug") return parseBusEvent(key, value, BusEvent::Kind::unplug, setup, error);
+    if (key == "plug") return parseBusEvent(key, value, BusEvent::Kind::plug, setup, error);
+    if (key == "powercycle") return parseBusEvent(key, value, BusEvent::Kind::powerCycle, setup, error);
+    error = "unknown setting \"" + key +
+            "\" (racks, slots, cards, mute, atr, echo, event, swap, vcard, unplug, plug, powercycle)";
     return false;
 }
 
@@ -91,6 +119,13 @@ std::string rackSerial(int rack)
     char serial[16];
     std::snprintf(serial, sizeof serial, "TR%04d", rack + 1);
     return serial;
+}
+
+int rackIndexOf(const RackSetup& setup, const std::string& serial)
+{
+    for (int rack = 0; rack < setup.racks; ++rack)
+        if (rackSerial(rack) == serial) return rack;
+    return -1;
 }
 
 std::vector<uint8_t> defaultCardAtr()
@@ -126,6 +161,12 @@ bool parseRackSetupText(const std::string& text, RackSetup& setup, std::string& 
         error = "swap slot " + std::to_string(parsed.cardSwapSlot) + " is not one of the " +
                 std::to_string(parsed.slotsPerRack) + " slots of a rack";
         return false;
+    }
+    for (const BusEvent& event : parsed.busEvents) {
+        if (rackIndexOf(parsed, event.serial) < 0) {
+            error = "no rack " + event.serial + " among the " + std::to_string(parsed.racks) + " racks";
+            return false;
+        }
     }
     setup = parsed;
     return true;

@@ -52,11 +52,38 @@ RACKSIM_API int RACKSIM_CALL rackSimIsOpen(int device);
 /* Replaces every device with the racks that `text` describes, in the form
  * of the TESSEL_SIM variable: "racks=2,slots=8,cards=3,mute=1,echo=1" and
  * "atr=HEX", each optional (racks TR0001, TR0002, ... with slots 1..slots
- * populated, cards in slots 1..cards, mute cards after them). Returns the
+ * populated, cards in slots 1..cards, mute cards after them). Timed events
+ * on the bus, any number of each: "unplug=TR0001@5000+3000" (unplugged 5 s
+ * after set-up, back 3 s later; without "+ms" it stays away),
+ * "plug=TR0002@4000" (absent at first, plugged in 4 s after set-up) and
+ * "powercycle=TR0001@6000". Returns the
  * number of racks; for bad text, writes why to standard error, leaves no
  * devices and returns -1. When the emulator is loaded as the D2XX library
  * with TESSEL_SIM set, it does this with that text before any other call. */
 RACKSIM_API int RACKSIM_CALL rackSimSetUp(const char* text);
+
+/* ---- The USB bus and the rack's power ---------------------------------- */
+
+/* Pulls the device's cable: it leaves the device list and cannot be opened.
+ * D2XX calls on a handle the host still holds fail with FT_IO_ERROR, and
+ * with FT_DEVICE_NOT_FOUND once the host has made a new device list
+ * (FT_CreateDeviceInfoList); FT_Close frees such a handle. The rack behind
+ * keeps its slots and cards but forgets what was on the line. A device
+ * unplugged right after rackSimAddDevice is one plugged in later. */
+RACKSIM_API void RACKSIM_CALL rackSimUnplug(int device);
+
+/* Puts the device back on the bus (or on it for the first time): it is in
+ * the next device list and opens again. Handles from before stay failed. */
+RACKSIM_API void RACKSIM_CALL rackSimPlug(int device);
+
+/* The rack loses power for a moment while its USB side stays up: whatever
+ * was on the line or in the rack's work is lost, and the master, once up,
+ * sends its slot map on its own (and again whenever asked). Does nothing
+ * while the device is not open. */
+RACKSIM_API void RACKSIM_CALL rackSimPowerCycle(int device);
+
+/* 1 while the device is on the bus, 0 while unplugged. */
+RACKSIM_API int RACKSIM_CALL rackSimIsPlugged(int device);
 
 /* ---- Slots and cards -------------------------------------------------- */
 

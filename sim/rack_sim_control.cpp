@@ -56,6 +56,7 @@ void RACKSIM_CALL rackSimReset(void)
     racksim::Registry& r = racksim::registry();
     Lock lock(r.mutex);
     r.handles.clear();
+    r.unpluggedHandles.clear();
     r.infoList.clear();
     r.infoListMade = false;
     r.devices.clear();
@@ -68,6 +69,31 @@ int RACKSIM_CALL rackSimAddDevice(const char* description, const char* serial)
     r.devices.push_back(std::unique_ptr<RackDevice>(
         new RackDevice(description ? description : "", serial ? serial : "", racksim::clockNow())));
     return static_cast<int>(r.devices.size() - 1);
+}
+
+void RACKSIM_CALL rackSimUnplug(int device)
+{
+    withDevice(device, [&](RackDevice& d, racksim::Nanos now) {
+        d.advance(now);
+        racksim::setPluggedLocked(d, false);
+    });
+}
+
+void RACKSIM_CALL rackSimPlug(int device)
+{
+    withDevice(device, [&](RackDevice& d, racksim::Nanos) { racksim::setPluggedLocked(d, true); });
+}
+
+void RACKSIM_CALL rackSimPowerCycle(int device)
+{
+    withDevice(device, [&](RackDevice& d, racksim::Nanos now) { d.powerCycle(now); });
+}
+
+int RACKSIM_CALL rackSimIsPlugged(int device)
+{
+    int result = -1;
+    withDevice(device, [&](RackDevice& d, racksim::Nanos) { result = d.plugged() ? 1 : 0; });
+    return result;
 }
 
 void RACKSIM_CALL rackSimSetOpenFails(int device, int fails)

@@ -111,6 +111,50 @@ TEST_F(SimDevices, ClosedAndRemovedHandlesAreInvalid)
     EXPECT_EQ(rackSimLineSettings(rack, nullptr, nullptr, nullptr, nullptr), -1);
 }
 
+// A pulled cable: the held handle fails with FT_IO_ERROR until a new device
+// list leaves the device out, then with FT_DEVICE_NOT_FOUND; the device
+// cannot be opened while away, and opens with a fresh handle once back.
+TEST_F(SimDevices, UnpluggedDeviceFailsItsHandleLeavesTheListAndComesBack)
+{
+    const int rack = openRack("TR1");
+    rackSimAddDevice("Smart Card Rack", "TR2");
+    FT_HANDLE held = handle;
+    uint8_t buffer[8] = {0x55, 0, 0, 0xC1, 0xEA};
+    uint32_t n = 0;
+    EXPECT_EQ(rackSimIsPlugged(rack), 1);
+    rackSimUnplug(rack);
+    EXPECT_EQ(rackSimIsPlugged(rack), 0);
+    EXPECT_EQ(rackSimIsOpen(rack), 0);
+    EXPECT_EQ(FT_Write(held, buffer, 5, &n), FT_IO_ERROR);
+    EXPECT_EQ(FT_GetQueueStatus(held, &n), FT_IO_ERROR);
+    EXPECT_EQ(FT_Read(held, buffer, sizeof buffer, &n), FT_IO_ERROR);
+    EXPECT_EQ(rackSimWireLogCount(rack), 0);
+
+    uint32_t count = 0;
+    ASSERT_EQ(FT_ListDevices(&count, nullptr, FT_LIST_NUMBER_ONLY), FT_OK);
+    EXPECT_EQ(count, 1u);
+    ASSERT_EQ(FT_CreateDeviceInfoList(&count), FT_OK);
+    ASSERT_EQ(count, 1u);
+    FT_DEVICE_LIST_INFO_NODE record{};
+    ASSERT_EQ(FT_GetDeviceInfoList(&record, &count), FT_OK);
+    EXPECT_STREQ(record.SerialNumber, "TR2");
+    EXPECT_EQ(FT_GetQueueStatus(held, &n), FT_DEVICE_NOT_FOUND);
+    FT_HANDLE again = nullptr;
+    EXPECT_EQ(FT_OpenEx(const_cast<char*>("TR1"), FT_OPEN_BY_SERIAL_NUMBER, &again), FT_DEVICE_NOT_FOUND);
+
+    rackSimPlug(rack);
+    ASSERT_EQ(FT_CreateDeviceInfoList(&count), FT_OK);
+    EXPECT_EQ(count, 2u);
+    EXPECT_EQ(FT_GetQueueStatus(held, &n), FT_DEVICE_NOT_FOUND) << "a handle from before stays failed";
+    ASSERT_EQ(FT_OpenEx(const_cast<char*>("TR1"), FT_OPEN_BY_SERIAL_NUMBER, &again), FT_OK);
+    EXPECT_NE(again, held);
+    EXPECT_EQ(FT_Close(held), FT_OK) << "the failed handle is freed";
+    EXPECT_EQ(FT_Close(held), FT_INVALID_HANDLE);
+    handle = again;
+    EXPECT_EQ(exchange({0x55, 0x00, 0x00, 0xC1, 0xEA}).size(), 245u) << "the rack answers again";
+    EXPECT_EQ(rackSimIsPlugged(7), -1);
+}
+
 TEST_F(SimDevices, RecordsTheLineSettingsOfThisOpen)
 {
     int rack = openRack("TR1");
@@ -183,6 +227,15 @@ TEST_F(SimDevices, RacksDescribedByText)
         {"vcard=3-4@65535", -1},
         {"vcard=3", -1},
         {"vcard=3@dial:35963", -1},
+        // Timed bus events: the racks are all there at set-up.
+        {"racks=2,unplug=TR0002@5000+3000,unplug=TR0001@9000,powercycle=TR0001@100", 2, 4, 2, 0, false, defaultAtr},
+        {"unplug=TR0002@5000", -1},
+        {"unplug=TR0001", -1},
+        {"unplug=@5000", -1},
+        {"unplug=TR0001@soon", -1},
+        {"unplug=TR0001@5000+0", -1},
+        {"plug=TR0001@5000+300", -1},
+        {"powercycle=TR0001@5000+300", -1},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE("\"" + row.text + "\"");

@@ -55,6 +55,19 @@ TEST_F(SimRack, MasterTakesResetSilentlyReportsTheSlotMapAndConfirmsCollection)
     EXPECT_EQ(exchange(hostFrame(0x00, 0x00)), Bytes{});
 }
 
+// A power cycle drops what was on its way to the host and the master then
+// announces its slot map unasked; asked again, it sends it again.
+TEST_F(SimRack, PowerCycleDropsTheLineAndAnnouncesTheSlotMap)
+{
+    write(hostFrame(0x01, 0x01));
+    rackSimPowerCycle(rack);
+    const Bytes announced = readBytes(245);
+    ASSERT_EQ(announced.size(), 245u);
+    EXPECT_EQ(Bytes(announced.begin(), announced.begin() + 4), (Bytes{0x55, 0x00, 0xF0, 0xC5}));
+    EXPECT_EQ(queued(), 0u) << "nothing of before the power cycle is left";
+    EXPECT_EQ(exchange({0x55, 0x00, 0x00, 0xC1, 0xEA}), announced);
+}
+
 // ---- Slot requests ---------------------------------------------------------
 
 TEST_F(SimRack, EverySlotRequestIsAcknowledgedThenAnsweredByTheSlotState)
