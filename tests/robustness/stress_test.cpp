@@ -418,7 +418,9 @@ TEST_F(Stress, RackUnpluggedAndPluggedBackWhileThreadsExchangeOnEveryRack)
     EXPECT_EQ(g_racks[0]->readers().size(), static_cast<size_t>(kSlots));
     // Flat: a few megabytes of slack for the allocator and the threads'
     // stacks, far less than a leak per cycle over a long run would take.
-    if (memoryAfterFirstCycle > 0) EXPECT_LT(residentKilobytes(), memoryAfterFirstCycle + 8 * 1024);
+    if (memoryAfterFirstCycle > 0) {
+        EXPECT_LT(residentKilobytes(), memoryAfterFirstCycle + 8 * 1024);
+    }
 }
 
 }  // namespace
