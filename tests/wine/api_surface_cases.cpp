@@ -639,8 +639,9 @@ void originalCalls(Host& host)
     LONG result = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context);
     check(result == SCARD_S_SUCCESS && context != kPattern && SCardIsValidContext(context) == SCARD_S_SUCCESS,
           "SCardEstablishContext writes the context (0x%08lx)", result);
-    check(SCardReleaseContext(context) == SCARD_S_SUCCESS && SCardCancel(context) == SCARD_S_SUCCESS,
-          "SCardReleaseContext and SCardCancel of it");
+    check(SCardReleaseContext(context) == SCARD_S_SUCCESS && SCardCancel(context) == SCARD_E_INVALID_HANDLE &&
+              SCardIsValidContext(context) == SCARD_E_INVALID_HANDLE,
+          "SCardReleaseContext, then the released context refused");
     context = kPattern;
     result = SCardEstablishContext(77, nullptr, nullptr, &context);
     check(result == SCARD_E_INVALID_VALUE && context == 0, "SCardEstablishContext with a bad scope writes 0 (0x%08lx)",
@@ -661,8 +662,9 @@ void originalCalls(Host& host)
                result))
         return;
     check(SCardBeginTransaction(card) == SCARD_S_SUCCESS && SCardEndTransaction(card, SCARD_LEAVE_CARD) == SCARD_S_SUCCESS &&
-              SCardBeginTransaction(0) == SCARD_S_SUCCESS && SCardEndTransaction(0, 99) == SCARD_S_SUCCESS,
-          "the transaction calls answer for any handle");
+              SCardEndTransaction(card, SCARD_LEAVE_CARD) == SCARD_E_NOT_TRANSACTED &&
+              SCardBeginTransaction(0) == SCARD_E_INVALID_HANDLE,
+          "a transaction begins and ends once; no handle, no transaction");
 
     wchar_t name[32];
     std::fill(name, name + 32, wchar_t(0xA5A5));
@@ -687,7 +689,8 @@ void originalCalls(Host& host)
           "SCardTransmit without a command or a length");
     active = kPattern;
     result = SCardReconnect(card, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, SCARD_LEAVE_CARD, &active);
-    check(result == SCARD_S_SUCCESS, "SCardReconnect (0x%08lx)", result);
+    check(result == SCARD_S_SUCCESS && active == SCARD_PROTOCOL_T1, "SCardReconnect writes the protocol (0x%08lx)",
+          result);
     check(SCardDisconnect(card, SCARD_LEAVE_CARD) == SCARD_S_SUCCESS, "SCardDisconnect");
 
     wchar_t readers[8];
