@@ -19,7 +19,6 @@ constexpr double kDefaultTimerMs = 16.0;     // FTDI driver default; the library
 constexpr size_t kUsbPacket = 62;            // payload of one USB packet
 constexpr double kReceivePollMs = 5.0;       // pause of the receive loop
 constexpr double kLateWriteMs = 1.0;         // a write this late after the pass that frees the bus
-constexpr double kKickOffPauseMs = 1000.0;
 constexpr double kResetPauseMs = 1500.0;
 constexpr double kSlotMapPauseMs = 3000.0;
 constexpr size_t kAckBytes = 5;

@@ -139,7 +139,7 @@ struct BringUp {
     double resetMs = -1, enumerateMs = -1, firstStatusMs = -1, lastStatusMs = -1, collectedMs = -1;
     // Bounds for the same frames.
     double wireMsTotal = 0;
-    double fixedPausesMs = kKickOffPauseMs + kResetPauseMs + kSlotMapPauseMs;
+    double fixedPausesMs = kResetPauseMs + kSlotMapPauseMs;
     double criticalPathMs = 0;  // pauses on the path here plus wire
     double deviceMs = 0;        // with latency timer and polls
     double pollOnlyMs = 0;      // the same without the latency timer
@@ -223,7 +223,6 @@ BringUp startRack(Rig& rig, const std::string& serial, int slots, double timerMs
     const double perSlotWire = wireMs(static_cast<double>(kMasterFrameBytes + kAckBytes + statusReply));
     b.wireMsTotal = wireMs(static_cast<double>(kMasterFrameBytes + kSlotMapBytes)) + slots * perSlotWire +
                     wireMs(2.0 * kMasterFrameBytes);
-    // Here KickOff's pause runs beside the discovery thread's reset pause.
     b.criticalPathMs = kResetPauseMs + kSlotMapPauseMs + b.wireMsTotal;
     b.deviceMs = bringUpModelMs(slots, statusReply, timerMs);
     b.pollOnlyMs = bringUpModelMs(slots, statusReply, 0);
@@ -1040,7 +1039,7 @@ std::string report(const std::vector<Run>& runs, const Settings& settings, const
                               b->perSlotDeviceMs > b->perSlotPollMs * 1.02 ? "latency timer" : "5 ms poll",
                               b->perSlotWireMs);
             }
-            r << " | the 1,500 ms and 3,000 ms pauses (KickOff's 1,000 ms runs beside them here), then one status "
+            r << " | the 1,500 ms and 3,000 ms pauses, then one status "
                  "exchange per slot, taking turns on the bus. "
               << bounds << " |\n";
         }
@@ -1178,11 +1177,10 @@ std::string report(const std::vector<Run>& runs, const Settings& settings, const
     r << "## Bring-up\n\n";
     r << "From the call of KickOff to all racks enumerated (polled every 0.5 ms). One rack, every slot with a card ("
       << kAtr.size()
-      << "-byte ATR). *Pauses + wire* is KickOff's 1,000 ms, the reset's 1,500 ms and the 3,000 ms after the slot "
+      << "-byte ATR). *Pauses + wire* is the reset's 1,500 ms and the 3,000 ms after the slot "
          "map, plus the wire time of enumerate and slot map, per slot a status request, its acknowledge and the "
-         "status reply, and the closing C2 both ways. On this platform KickOff's pause runs beside the discovery "
-         "thread's reset pause, so the path here is 1,500 + 3,000 ms + wire; under the Windows loader lock it is all "
-         "three. *Device* adds the latency timer and the receive poll to every status exchange, which take turns on "
+         "status reply, and the closing C2 both ways; KickOff itself no longer pauses, on either platform. "
+         "*Device* adds the latency timer and the receive poll to every status exchange, which take turns on "
          "the bus; *poll only* is the same without the timer. *Per slot* is the status collection divided by the "
          "slots.\n\n";
     groupHeader("slots | pauses + wire ms | path here ms | poll only ms",
