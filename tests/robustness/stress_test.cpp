@@ -140,7 +140,7 @@ TEST_P(StressUnderLoad, EveryThreadGetsEveryAnswerOnceAndOnlyItsOwn)
     std::vector<std::string> firstProblem(static_cast<size_t>(threads));
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([t, racks, exchanges, spread, &answered, &firstProblem] {
+        workers.emplace_back([t, exchanges, spread, &answered, &firstProblem] {
             SCARDHANDLE handle = connect(readerName(t % racks == 0 ? "S1" : "S2", t / racks + 1));
             for (int n = 0; n < exchanges; ++n) {
                 const Bytes command = stressCommand(t, n, spread);
