@@ -20,7 +20,11 @@ double secondsSince(Clock::time_point start) { return std::chrono::duration<doub
 
 std::vector<uint8_t> hostFrame(uint8_t address, uint8_t command, const std::vector<uint8_t>& data)
 {
-    std::vector<uint8_t> f{0x55, address, static_cast<uint8_t>(data.size()), command};
+    // Appended into reserved room: GCC 12 misreads an insert into a vector
+    // made from an initializer list as writing past its end.
+    std::vector<uint8_t> f;
+    f.reserve(4 + data.size() + 1);
+    f.assign({0x55, address, static_cast<uint8_t>(data.size()), command});
     f.insert(f.end(), data.begin(), data.end());
     unsigned sum = 0;
     for (uint8_t b : f) sum += b;
