@@ -283,6 +283,28 @@ void resetCard(Table& t, Entry& entry) REQUIRES(t.lock)
     t.changed.notify();
 }
 
+// Sleeps on the table's changes until no other handle holds a transaction
+// on the reader of `handle`. Null when the handle is not live, or stops
+// being live while it waits. With `warningEndsWait`, a card warning on the
+// handle ends the wait at once and goes to `warning`.
+Entry* awaitTransactionTurn(Table& t, SCARDHANDLE handle, uint32_t& value, bool warningEndsWait, LONG& warning)
+    REQUIRES(t.lock)
+{
+    warning = SCARD_S_SUCCESS;
+    for (;;) {
+        const uint32_t seen = t.changed.generation();
+        Entry* entry = liveEntry(t, handle, value);
+        if (entry == nullptr) return nullptr;
+        ReaderHold& hold = t.readers[entry->reader];
+        if (warningEndsWait) {
+            warning = warningOf(*entry, hold);
+            if (warning != SCARD_S_SUCCESS) return entry;
+        }
+        if (hold.transactionHolder == 0 || hold.transactionHolder == value) return entry;
+        waitForChange(t, seen);
+    }
+}
+
 }  // namespace
 
 LONG openContext(SCARDCONTEXT& context)
@@ -347,18 +369,12 @@ LONG enter(SCARDHANDLE handle, Connection& connection)
 {
     Table& t = table();
     platform::LockGuard guard(t.lock);
-    for (;;) {
-        const uint32_t seen = t.changed.generation();
-        uint32_t value = 0;
-        Entry* entry = liveEntry(t, handle, value);
-        if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
-        ReaderHold& hold = t.readers[entry->reader];
-        if (hold.transactionHolder == 0 || hold.transactionHolder == value) {
-            connection = viewOf(*entry, hold);
-            return connection.cardWarning;
-        }
-        waitForChange(t, seen);
-    }
+    uint32_t value = 0;
+    LONG warning = SCARD_S_SUCCESS;
+    Entry* entry = awaitTransactionTurn(t, handle, value, false, warning);
+    if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
+    connection = viewOf(*entry, t.readers[entry->reader]);
+    return connection.cardWarning;
 }
 
 LONG connect(const ConnectRequest& request, ProtocolChoice choose, SCARDHANDLE& handle, DWORD& active)
@@ -467,21 +483,15 @@ LONG beginTransaction(SCARDHANDLE handle)
 {
     Table& t = table();
     platform::LockGuard guard(t.lock);
-    for (;;) {
-        const uint32_t seen = t.changed.generation();
-        uint32_t value = 0;
-        Entry* entry = liveEntry(t, handle, value);
-        if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
-        ReaderHold& hold = t.readers[entry->reader];
-        const LONG warning = warningOf(*entry, hold);
-        if (warning != SCARD_S_SUCCESS) return warning;
-        if (hold.transactionHolder == 0 || hold.transactionHolder == value) {
-            hold.transactionHolder = value;
-            ++hold.transactionDepth;
-            return SCARD_S_SUCCESS;
-        }
-        waitForChange(t, seen);
-    }
+    uint32_t value = 0;
+    LONG warning = SCARD_S_SUCCESS;
+    Entry* entry = awaitTransactionTurn(t, handle, value, true, warning);
+    if (entry == nullptr) return SCARD_E_INVALID_HANDLE;
+    if (warning != SCARD_S_SUCCESS) return warning;
+    ReaderHold& hold = t.readers[entry->reader];
+    hold.transactionHolder = value;
+    ++hold.transactionDepth;
+    return SCARD_S_SUCCESS;
 }
 
 LONG endTransaction(SCARDHANDLE handle, CardAction action)
