@@ -6,6 +6,7 @@
 #include "platform/global_order.h"
 #include "platform/log_file.h"
 #include "platform/log_folder.h"
+#include "platform/process_fork.h"
 
 #include <algorithm>
 #include <atomic>
@@ -217,6 +218,12 @@ std::atomic<const char*> g_pendingBanner{nullptr};
 // Only the stamp, the rotation test and the writes happen under the lock.
 void appendEntry(const std::string& body, Stamp kind, bool mayStartLog, bool bannerOnly = false)
 {
+    // A forked child writes entries too (its calls with the parent's values
+    // are refused, and say so). The first entry of a load, the banner,
+    // comes before any other lock of the library is taken.
+    static const bool heldAcrossFork =
+        (platform::holdAcrossFork(g_logLock, platform::ForkLockRank::traceLog), true);
+    (void)heldAcrossFork;
     std::lock_guard<platform::ExclusiveLock> guard(g_logLock);
     if (g_logPath.empty()) {
         if (!mayStartLog && g_pendingBanner.load(std::memory_order_acquire) == nullptr) return;

@@ -47,7 +47,7 @@ struct ReaderHold {
 
 class Table {
 public:
-    Table() { platform::onFork(lockForFork, unlockAfterFork, unlockAfterFork); }
+    Table() { platform::holdAcrossFork(lock, platform::ForkLockRank::connectionTable); }
 
     platform::ExclusiveLock lock;
     std::unordered_map<uint32_t, uint32_t> contexts GUARDED_BY(lock);  // value -> epoch
@@ -55,10 +55,6 @@ public:
     std::unordered_map<const Reader*, ReaderHold> readers GUARDED_BY(lock);
     // Wakes the threads that wait for a transaction or a power-up.
     platform::Signal changed;
-
-private:
-    static void lockForFork() NO_THREAD_SAFETY_ANALYSIS;
-    static void unlockAfterFork() NO_THREAD_SAFETY_ANALYSIS;
 };
 
 // Made on first use and never destroyed, so that a host thread still in a
@@ -68,9 +64,6 @@ Table& table()
     static Table* instance = new Table;
     return *instance;
 }
-
-void Table::lockForFork() { table().lock.lock(); }
-void Table::unlockAfterFork() { table().lock.unlock(); }
 
 // Sleeps until the table changes (or the recheck limit), without the lock.
 // `seen` was read under the lock before the condition was tested.

@@ -5,6 +5,6 @@ namespace platform {
 // Windows has no fork: every value lives in the process that made it.
 uint32_t processEpoch() { return 0; }
 
-void onFork(void (*)(), void (*)(), void (*)()) {}
+void holdAcrossFork(ExclusiveLock&, ForkLockRank) {}
 
 }  // namespace platform

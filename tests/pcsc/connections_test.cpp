@@ -3,6 +3,7 @@
 // that leave or change under a connection, connects that join a powered
 // card instead of selecting it again, transactions and fork.
 #include "pcsc_test_support.h"
+#include "diag/trace_log.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -583,12 +584,22 @@ TEST_F(ConnectionsTest, TransactionsKeepSequencesWholeAndEndAsAsked)
     EXPECT_EQ(SCardEndTransaction(second, SCARD_LEAVE_CARD), SCARD_S_SUCCESS);
 }
 
-// A forked child inherits the parent's memory, not its contexts or handles.
+// A forked child inherits the parent's memory, not its contexts or handles,
+// and not a lock that another thread held at the fork: here a thread is in
+// the middle of a log entry when the host forks, and the child's calls,
+// which write entries too, must not wait for it for ever.
 TEST_F(ConnectionsTest, AForkedChildCannotUseItsParentsValues)
 {
     startRack({atrT0ThenT1()});
     SCARDHANDLE handle = connectTo("Tessel A1 R1");
     const SCARDCONTEXT context = testContext();
+    std::atomic<bool> writing{false};
+    std::thread writer([&writing] {
+        std::lock_guard<platform::ExclusiveLock> entry(g_logLock);
+        writing = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    });
+    while (!writing) std::this_thread::yield();
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -601,6 +612,7 @@ TEST_F(ConnectionsTest, AForkedChildCannotUseItsParentsValues)
         if (SCardDisconnect(handle, SCARD_LEAVE_CARD) != SCARD_E_INVALID_HANDLE) failures |= 4;
         _exit(failures);
     }
+    writer.join();
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
