@@ -72,14 +72,25 @@ void appendStamp(std::string& line, Stamp kind)
     line += "]\t";
 }
 
+// The stamped lines of `count` entries, one after the other.
+std::string stampedLines(const std::string* bodies, size_t count, Stamp kind)
+{
+    size_t room = 0;
+    for (size_t i = 0; i < count; ++i) room += kStampRoom + bodies[i].size();
+    std::string lines;
+    lines.reserve(room);
+    for (size_t i = 0; i < count; ++i) {
+        appendStamp(lines, kind);
+        lines += bodies[i];
+    }
+    return lines;
+}
+
 // Writes one stamped entry and counts it. The file is not reopened here: a
 // log whose open failed waits for the next entry's own try.
 void writeStamped(const std::string& body, Stamp kind)
 {
-    std::string line;
-    line.reserve(kStampRoom + body.size());
-    appendStamp(line, kind);
-    line += body;
+    const std::string line = stampedLines(&body, 1, kind);
     if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
 }
 
@@ -181,11 +192,12 @@ void rotateLog(uint64_t comingBytes)
     writeStamped(platform::textForLogFile(note.c_str()), Stamp::narrow);
 }
 
-// Writes one entry into the started log. Under g_logLock.
-void appendStarted(const std::string& body, Stamp kind)
+// Writes entries into the started log, all in one write. Under g_logLock.
+void appendStarted(const std::string* bodies, size_t count, Stamp kind)
 {
+    if (count == 0) return;
     if (!g_open.bannerTaken) {
-        g_open.banner = body;
+        g_open.banner = bodies[0];
         g_open.bannerTaken = true;
     }
     // A log whose open failed is tried again at every entry, without
@@ -195,28 +207,23 @@ void appendStarted(const std::string& body, Stamp kind)
         g_open.size = g_open.file.sizeAtOpen();
     }
 
-    std::string line;
-    line.reserve(kStampRoom + body.size());
-    appendStamp(line, kind);
-    line += body;
-    if (g_open.settings.limitBytes != 0 && g_open.size > 0 && g_open.size + line.size() > g_open.rotateAt) {
-        rotateLog(line.size());
-        // Stamped again, so that it does not come out older than the banner
-        // and the rotation line in front of it.
-        line.clear();
-        appendStamp(line, kind);
-        line += body;
+    std::string lines = stampedLines(bodies, count, kind);
+    if (g_open.settings.limitBytes != 0 && g_open.size > 0 && g_open.size + lines.size() > g_open.rotateAt) {
+        rotateLog(lines.size());
+        // Stamped again, so that they do not come out older than the
+        // banner and the rotation line in front of them.
+        lines = stampedLines(bodies, count, kind);
     }
-    if (g_open.file.append(line.data(), line.size())) g_open.size += line.size();
+    if (g_open.file.append(lines.data(), lines.size())) g_open.size += lines.size();
 }
 
 // The banner of the load in progress, until it is written.
 std::atomic<const char*> g_pendingBanner{nullptr};
 
-// Appends one entry whose text is already in its disk form (none with
+// Appends entries whose text is already in its disk form (none with
 // `bannerOnly`), after the load's banner if that is still to be written.
-// Only the stamp, the rotation test and the writes happen under the lock.
-void appendEntry(const std::string& body, Stamp kind, bool mayStartLog, bool bannerOnly = false)
+// Only the stamps, the rotation test and the write happen under the lock.
+void appendEntries(const std::string* bodies, size_t count, Stamp kind, bool mayStartLog, bool bannerOnly = false)
 {
     // A forked child writes entries too (its calls with the parent's values
     // are refused, and say so). The first entry of a load, the banner,
@@ -231,8 +238,16 @@ void appendEntry(const std::string& body, Stamp kind, bool mayStartLog, bool ban
     }
     const char* banner = g_pendingBanner.exchange(nullptr, std::memory_order_acq_rel);
     if (g_open.settings.mode == TraceMode::off) return;
-    if (banner != nullptr) appendStarted(platform::textForLogFile(banner), Stamp::narrow);
-    if (!bannerOnly) appendStarted(body, kind);
+    if (banner != nullptr) {
+        const std::string bannerText = platform::textForLogFile(banner);
+        appendStarted(&bannerText, 1, Stamp::narrow);
+    }
+    if (!bannerOnly) appendStarted(bodies, count, kind);
+}
+
+void appendEntry(const std::string& body, Stamp kind, bool mayStartLog, bool bannerOnly = false)
+{
+    appendEntries(&body, 1, kind, mayStartLog, bannerOnly);
 }
 
 }  // namespace
@@ -257,6 +272,18 @@ void logWrite(const char* text)
     } catch (const std::exception&) {
         // Memory ran out while the entry was put together: the entry is
         // lost, the caller never learns of it.
+    }
+}
+
+void logWriteAll(const std::vector<std::string>& texts)
+{
+    if (texts.empty()) return;
+    try {
+        std::vector<std::string> bodies;
+        bodies.reserve(texts.size());
+        for (const std::string& text : texts) bodies.push_back(platform::textForLogFile(text.c_str()));
+        appendEntries(bodies.data(), bodies.size(), Stamp::narrow, true);
+    } catch (const std::exception&) {
     }
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "diag/trace_settings.h"
 #include "diag/traced_bytes.h"  // for the traces that show data bytes
@@ -25,6 +26,11 @@ extern platform::ExclusiveLock g_logLock;
 // entry and the caller goes on.
 void logWrite(const char* text);
 inline void logWrite(const std::string& text) { logWrite(text.c_str()); }
+
+// Appends the entries one after the other, each stamped as logWrite stamps
+// it, under one hold of the lock and in one write to the file: a call that
+// traces a line per reader of a large farm costs one write, not thousands.
+void logWriteAll(const std::vector<std::string>& texts);
 
 // Appends one entry of wide text: "dd-mm-YYYY HH:MM:SS\t" and the text.
 void logWriteWide(const wchar_t* text);

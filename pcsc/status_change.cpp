@@ -13,6 +13,7 @@
 // or went. A wait ends early when SCardCancel is called with its context.
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "diag/trace_log.h"
 #include "link/rack.h"
@@ -94,7 +95,7 @@ struct StatusChangeForm<SCARD_READERSTATEA> {
     static constexpr bool tracesNames = true;
 
     static RackReader find(const char* name) { return findReaderByName(name); }
-    static void traceName(const char* name) { logWrite(std::string(name) + "\n"); }
+    static void traceName(std::vector<std::string>& trace, const char* name) { trace.push_back(std::string(name) + "\n"); }
 };
 
 template <>
@@ -103,7 +104,7 @@ struct StatusChangeForm<SCARD_READERSTATEW> {
     static constexpr bool tracesNames = false;
 
     static RackReader find(const wchar_t* name) { return findReaderByWideName(name); }
-    static void traceName(const wchar_t*) {}
+    static void traceName(std::vector<std::string>&, const wchar_t*) {}
 };
 
 // The state flags of a reader as this process sees it: the card, and the
@@ -134,16 +135,13 @@ DWORD readerFlags(const Reader& reader, uint32_t cardState)
 // reader's count of card events; a host that gives a count of its own sees
 // a change when the count moved, so a card swapped between two calls is not
 // missed. A host that knows nothing (SCARD_STATE_UNAWARE) always sees one.
+// `reader` is the record's reader, found by its name at the start of the
+// call (null for the plug-and-play pseudo-reader): readers live as long as
+// the library, so the name need not be looked up again at every pass.
 template <typename Record>
-bool refreshRecord(Record& record, DWORD countAtStart)
+bool refreshRecord(Record& record, const Reader* reader, DWORD countAtStart)
 {
-    using Form = StatusChangeForm<Record>;
-    if (isPnpName(record.szReader)) return refreshPnpRecord(record, countAtStart);
-    // Readers are never removed, so a name checked at the start of the call
-    // still finds its reader; the test only guards against a torn-down
-    // library.
-    Reader* reader = Form::find(record.szReader).reader;
-    if (reader == nullptr) return false;
+    if (reader == nullptr) return refreshPnpRecord(record, countAtStart);
 
     // The count and the state are read first and the ATR after them. The
     // ATR comes out as one whole value, never the bytes of one card with
@@ -186,15 +184,27 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     if (watched == 0) return SCARD_S_SUCCESS;
 
     // Every name must belong to a reader, the ignored records' too. A null
-    // name is refused rather than read.
+    // name is refused rather than read. The names go to the log as one
+    // entry each, all in one write: a farm's thousands of records would
+    // otherwise cost a write each, at every call.
+    std::vector<const Reader*> readers(count, nullptr);
+    std::vector<std::string> namesTrace;
+    if (Form::tracesNames) namesTrace.reserve(count);
     for (DWORD i = 0; i < count; ++i) {
-        if (records[i].szReader == nullptr) return SCARD_E_INVALID_PARAMETER;
-        if (Form::tracesNames) Form::traceName(records[i].szReader);
-        if (!isPnpName(records[i].szReader) && Form::find(records[i].szReader).reader == nullptr) {
-            if (Form::tracesNames) logWrite("Reader doesn't exist");
+        if (records[i].szReader == nullptr) {
+            logWriteAll(namesTrace);
+            return SCARD_E_INVALID_PARAMETER;
+        }
+        Form::traceName(namesTrace, records[i].szReader);
+        if (isPnpName(records[i].szReader)) continue;
+        readers[i] = Form::find(records[i].szReader).reader;
+        if (readers[i] == nullptr) {
+            if (Form::tracesNames) namesTrace.push_back("Reader doesn't exist");
+            logWriteAll(namesTrace);
             return SCARD_E_UNKNOWN_READER;
         }
     }
+    logWriteAll(namesTrace);
 
     for (DWORD i = 0; i < count; ++i) records[i].dwEventState = 0;
 
@@ -226,7 +236,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
         bool changed = false;
         for (DWORD i = 0; i < count; ++i) {
             if ((records[i].dwCurrentState & SCARD_STATE_IGNORE) != 0) continue;
-            if (refreshRecord(records[i], countAtStart)) changed = true;
+            if (refreshRecord(records[i], readers[i], countAtStart)) changed = true;
         }
         if (changed) return SCARD_S_SUCCESS;
         if (infinite) {
