@@ -4,6 +4,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/process_fork.h"
 #include "platform/sync.h"
 #include "reader/reader.h"
 
@@ -12,6 +13,10 @@ namespace {
 // The waits in progress. The lock is held only to add, remove or walk the
 // list, never across a wait.
 struct WaitList {
+    // A forked child's status-change call registers its wait before it
+    // learns that its context is the parent's.
+    WaitList() { platform::holdAcrossFork(lock, platform::ForkLockRank::waitList); }
+
     platform::ExclusiveLock lock;
     std::vector<CancellableWait*> waits;
 };

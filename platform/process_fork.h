@@ -26,6 +26,7 @@ uint32_t processEpoch();
 // it could each wait for the other.
 enum class ForkLockRank : uint8_t {
     connectionTable,  // contexts and card handles
+    waitList,         // the status-change waits that a cancel reaches
     traceLog,         // the innermost lock: a log writer takes no other
 };
 

@@ -610,6 +610,9 @@ TEST_F(ConnectionsTest, AForkedChildCannotUseItsParentsValues)
         if (SCardStatusA(handle, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) != SCARD_E_INVALID_HANDLE)
             failures |= 2;
         if (SCardDisconnect(handle, SCARD_LEAVE_CARD) != SCARD_E_INVALID_HANDLE) failures |= 4;
+        SCARD_READERSTATEA state{};
+        state.szReader = "Tessel A1 R1";
+        if (SCardGetStatusChangeA(context, 0, &state, 1) != SCARD_E_INVALID_HANDLE) failures |= 8;
         _exit(failures);
     }
     writer.join();
