@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "bench/bus_model.h"
+#include "bench/load_targets.h"
 #include "bench/report_text.h"
 #include "diag/trace_log.h"
 #include "pcsc/registry.h"
@@ -51,8 +52,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 using namespace bus_model;
+using namespace load_targets;
 using report_text::fmt;
 using report_text::percent;
+using report_text::verdict;
 
 // ---- Measuring ----------------------------------------------------------
 
@@ -802,8 +805,6 @@ void runOne(Run& run, const Workload& w, const std::function<void(const std::str
 
 // ---- The report ----------------------------------------------------------
 
-const char* verdict(bool met) { return met ? "met" : "**not met**"; }
-
 // The lowest share of the bus + poll figure over the many-slots runs, and
 // where it is.
 struct Worst {
@@ -828,14 +829,7 @@ Worst worstShare(const Run& run)
 
 // ---- Waiting calls and thread scaling --------------------------------------
 
-constexpr double kWaitCoreTarget = 0.01;        // a waiting call: share of one core
-constexpr double kScalingTarget = 0.95;         // 16 and 64 threads: share of the device figure
-constexpr double kCpuPerExchangeTargetMs = 1.0; // this build, natively
-constexpr double kCpuPerExchangeWineMs = 2.0;   // the 32-bit DLL under Wine
-
 double coreShare(double cpuMs, double wallMs) { return wallMs > 0 ? cpuMs / wallMs : 0; }
-
-bool scalingCounts(int threads) { return threads >= 16; }
 
 // The highest processor time per exchange over the short runs.
 const Throughput* costliest(const Run& run)
