@@ -17,4 +17,6 @@ std::string fmt(const char* format, ...)
 
 std::string percent(double part, double whole) { return whole > 0 ? fmt("%.0f%%", part / whole * 100.0) : "-"; }
 
+const char* verdict(bool met) { return met ? "met" : "**not met**"; }
+
 }  // namespace report_text

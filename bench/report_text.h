@@ -11,4 +11,7 @@ std::string fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // part as a whole percentage of whole, "-" where there is no whole.
 std::string percent(double part, double whole);
 
+// A target's verdict as the reports write it: "met", or "not met" in bold.
+const char* verdict(bool met);
+
 }  // namespace report_text

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "bench/bus_model.h"
+#include "bench/load_targets.h"
 #include "bench/report_text.h"
 #include "sim/rack_sim.h"
 
@@ -36,8 +37,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using bus_model::Shape;
+using namespace load_targets;
 using report_text::fmt;
 using report_text::percent;
+using report_text::verdict;
 
 // Each export is typed by its published declaration; a member is resolved
 // by its own name.
@@ -70,12 +73,6 @@ struct Emulator {
 Api g_api;
 Emulator g_sim;
 int g_device = -1;  // the rack's index in the emulator's device list
-
-// ---- The benchmark's targets -----------------------------------------------
-
-constexpr double kWaitCoreTarget = 0.01;      // a waiting call: share of one core
-constexpr double kScalingTarget = 0.95;       // 16 and 64 threads: share of the device figure
-constexpr double kCpuPerExchangeWineMs = 2.0; // the DLL under Wine
 
 // ---- The rack --------------------------------------------------------------
 
@@ -288,10 +285,6 @@ std::vector<SCARDHANDLE> connectAll(SCARDCONTEXT context)
 }
 
 // ---- The report --------------------------------------------------------------
-
-const char* verdict(bool met) { return met ? "met" : "**not met**"; }
-
-bool scalingCounts(int threads) { return threads >= 16; }
 
 struct Run {
     unsigned timerMs = 16;
