@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs every Debian package that the build, the tests, the client
-# checks (Debian's cargo with the packaged pcsc crate, Debian's OpenJDK)
+# checks (Debian's cargo with the packaged pcsc crate, Debian's OpenJDK,
+# Perl's Chipcard::PCSC)
 # and the Windows stage need. Safe to run again: packages already present are left alone,
 # and apt is only asked when something is missing.
 set -euo pipefail
@@ -15,7 +16,7 @@ native_packages=(
   g++-mingw-w64-i686 binutils-mingw-w64-i686
   g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
   zip unzip
-  libpcsclite-dev pcsc-tools opensc python3-pyscard
+  libpcsclite-dev pcsc-tools opensc python3-pyscard libpcsc-perl
   vsmartcard-vpicc python3-pycryptodome
   cargo rustc librust-pcsc-dev default-jdk-headless
 )

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Debian's PC/SC clients against libpcsclite.so.1 and the emulated rack,
 # with no pcscd: pcsc_scan, opensc-tool, pyscard (a script and its
-# CardMonitor), a program on Rust's pcsc crate and one on Java's
-# javax.smartcardio each find the library through LD_LIBRARY_PATH (Java
-# through sun.security.smartcardio.library), and the rack emulator
+# CardMonitor), a script on Perl's Chipcard::PCSC, a program on Rust's pcsc
+# crate and one on Java's javax.smartcardio each find the library through
+# LD_LIBRARY_PATH (Java through sun.security.smartcardio.library), and the
+# rack emulator
 # (libftd2xx.so) beside it builds the racks described in TESSEL_SIM. Every
 # check compares what a client printed with what the emulator was told: the
 # reader names, the ATRs, the answer bytes and the card events.
@@ -18,9 +19,10 @@ cargo=/usr/bin/cargo
 rustc=/usr/bin/rustc
 java_home=/usr/lib/jvm/default-java
 crates=/usr/share/cargo/registry
-for tool in pcsc_scan opensc-tool /usr/bin/python3 $cargo $rustc $java_home/bin/java $java_home/bin/javac; do
+for tool in pcsc_scan opensc-tool /usr/bin/python3 /usr/bin/perl $cargo $rustc $java_home/bin/java $java_home/bin/javac; do
   command -v "$tool" >/dev/null || { echo "test-clients: $tool is missing (scripts/install-deps.sh)"; exit 1; }
 done
+/usr/bin/perl -MChipcard::PCSC -e 1 2>/dev/null || { echo "test-clients: Perl's Chipcard::PCSC is missing (scripts/install-deps.sh)"; exit 1; }
 ls -d "$crates"/pcsc-2.* >/dev/null 2>&1 || { echo "test-clients: no pcsc crate in $crates (scripts/install-deps.sh)"; exit 1; }
 [ -f "$build/pcsc/libpcsclite.so.1" ] || { echo "test-clients: no $build/pcsc/libpcsclite.so.1"; exit 1; }
 
@@ -166,6 +168,19 @@ if TESSEL_SIM="$TESSEL_SIM,event=20000" timeout 180 /usr/bin/python3 scripts/cli
   pass "pyscard"
 else
   fail "pyscard"
+fi
+
+# --- Perl's Chipcard::PCSC: readers and their states, a connection to a
+# slot of the second rack, its status and an exchange with its echo card.
+empty=()
+for i in "${!names[@]}"; do
+  if [ $(( i % slots + 1 )) -gt $cards ]; then empty+=("${names[$i]}"); fi
+done
+if timeout 120 /usr/bin/perl scripts/clients/perl_check.pl \
+     "$(IFS=,; echo "${names[*]}")" "$atr" "Tessel TR0002 R$cards" "$(IFS=,; echo "${empty[*]}")"; then
+  pass "perl Chipcard::PCSC"
+else
+  fail "perl Chipcard::PCSC"
 fi
 
 # --- The background clients' results.
