@@ -109,7 +109,7 @@ std::string connectionsOnlyReport(const ConnectionCosts& c, const RunStamp& stam
 // The farm takes no quick mode: its title leaves it out.
 std::string farmOnlyReport(const FarmFigures& f, const RunStamp& stamp)
 {
-    const double medianMs = percentile(f.passes, 50), p95Ms = percentile(f.passes, 95);
+    const double medianMs = percentile(f.passes, 0.5), p95Ms = percentile(f.passes, 0.95);
     std::ostringstream r;
     r << titled("A farm of 16 racks", stamp, false);
     r << "| Measure | Figure | Target |\n|---|---|---|\n";
