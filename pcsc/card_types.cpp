@@ -244,9 +244,6 @@ LONG getProviderId(const char* call, const Char* szCard, LPGUID pguidProviderId)
     return traceResult(call, SCARD_S_SUCCESS);
 }
 
-RackReader readerNamed(const char* name) { return findReaderByName(name); }
-RackReader readerNamed(const wchar_t* name) { return findReaderByWideName(name); }
-
 // Fills each reader's record as a status change would, with
 // SCARD_STATE_ATRMATCH where `matches` accepts the card's ATR.
 template <typename State, typename Match>
@@ -254,7 +251,7 @@ LONG locate(State* rgReaderStates, DWORD cReaders, Match matches)
 {
     for (DWORD i = 0; i < cReaders; ++i) {
         State& state = rgReaderStates[i];
-        const RackReader found = readerNamed(state.szReader);
+        const RackReader found = findReaderByName(state.szReader);
         if (found.reader == nullptr) return SCARD_E_UNKNOWN_READER;
         BYTE atr[Atr::capacity] = {};
         const DWORD length = found.reader->atr(atr);

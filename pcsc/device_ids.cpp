@@ -16,17 +16,14 @@
 
 namespace {
 
-std::wstring instanceIdOf(const Rack& rack) { return wideText(("TESSEL\\RACK\\" + rack.serialNumber()).c_str()); }
-
-RackReader readerNamed(const char* name) { return findReaderByName(name); }
-RackReader readerNamed(const wchar_t* name) { return findReaderByWideName(name); }
+std::wstring instanceIdOf(const Rack& rack) { return wideText("TESSEL\\RACK\\" + rack.serialNumber()); }
 
 template <typename Char>
 LONG deviceTypeId(const char* call, const Char* szReaderName, LPDWORD pdwDeviceTypeId)
 {
     traceEntry(call);
     if (szReaderName == nullptr || pdwDeviceTypeId == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
-    if (readerNamed(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
+    if (findReaderByName(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
     // The racks hang on USB.
     *pdwDeviceTypeId = SCARD_READER_TYPE_USB;
     return traceResult(call, SCARD_S_SUCCESS);
@@ -38,7 +35,7 @@ LONG readerInstanceId(const char* call, const Char* szReaderName, Char* szDevice
 {
     traceEntry(call);
     if (szReaderName == nullptr || pcchDeviceInstanceId == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
-    const RackReader found = readerNamed(szReaderName);
+    const RackReader found = findReaderByName(szReaderName);
     if (found.reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
     const std::basic_string<Char> id = textAs<Char>(instanceIdOf(*found.rack));
     return traceResult(call, deliverElements(id.c_str(), static_cast<DWORD>(id.size() + 1), szDeviceInstanceId,
@@ -56,7 +53,7 @@ LONG readersWithInstanceId(const char* call, const Char* szDeviceInstanceId, Cha
         const Rack& rack = *g_racks[r];
         if (instanceIdOf(rack) != wanted) continue;
         const GrowingList<Reader*>& readers = rack.readers();
-        for (size_t i = 0, n = readers.size(); i < n; ++i) names.push_back(wideText(readers[i]->name.c_str()));
+        for (size_t i = 0, n = readers.size(); i < n; ++i) names.push_back(wideText(readers[i]->name));
     }
     // No such device: the answer of a listing without readers.
     if (names.empty()) {
@@ -73,7 +70,7 @@ LONG readerIcon(const char* call, const Char* szReaderName, LPDWORD pcbIcon)
 {
     traceEntry(call);
     if (szReaderName == nullptr || pcbIcon == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
-    if (readerNamed(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
+    if (findReaderByName(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
     return traceResult(call, SCARD_E_UNSUPPORTED_FEATURE);
 }
 

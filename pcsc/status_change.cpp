@@ -83,8 +83,8 @@ bool refreshPnpRecord(Record& record, DWORD countAtStart)
     return changed;
 }
 
-// What differs between the narrow and the wide form: the record type, the
-// lookups by name and the traces.
+// What differs between the narrow and the wide form: the record type and
+// the traces.
 template <typename Record>
 struct StatusChangeForm;
 
@@ -93,7 +93,6 @@ struct StatusChangeForm<SCARD_READERSTATEA> {
     static constexpr const char* entry = "SCardGetStatusChangeA\n";
     static constexpr bool tracesNames = true;
 
-    static RackReader find(const char* name) { return findReaderByName(name); }
     static void traceName(const char* name) { logWrite(std::string(name) + "\n"); }
 };
 
@@ -102,7 +101,6 @@ struct StatusChangeForm<SCARD_READERSTATEW> {
     static constexpr const char* entry = "SCardGetStatusChangeW\n";
     static constexpr bool tracesNames = false;
 
-    static RackReader find(const wchar_t* name) { return findReaderByWideName(name); }
     static void traceName(const wchar_t*) {}
 };
 
@@ -137,12 +135,11 @@ DWORD readerFlags(const Reader& reader, uint32_t cardState)
 template <typename Record>
 bool refreshRecord(Record& record, DWORD countAtStart)
 {
-    using Form = StatusChangeForm<Record>;
     if (isPnpName(record.szReader)) return refreshPnpRecord(record, countAtStart);
     // Readers are never removed, so a name checked at the start of the call
     // still finds its reader; the test only guards against a torn-down
     // library.
-    Reader* reader = Form::find(record.szReader).reader;
+    Reader* reader = findReaderByName(record.szReader).reader;
     if (reader == nullptr) return false;
 
     // The count and the state are read first and the ATR after them. The
@@ -190,7 +187,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
     for (DWORD i = 0; i < count; ++i) {
         if (records[i].szReader == nullptr) return SCARD_E_INVALID_PARAMETER;
         if (Form::tracesNames) Form::traceName(records[i].szReader);
-        if (!isPnpName(records[i].szReader) && Form::find(records[i].szReader).reader == nullptr) {
+        if (!isPnpName(records[i].szReader) && findReaderByName(records[i].szReader).reader == nullptr) {
             if (Form::tracesNames) logWrite("Reader doesn't exist");
             return SCARD_E_UNKNOWN_READER;
         }
