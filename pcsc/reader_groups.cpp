@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "pcsc/api_text.h"
 #include "pcsc/call_trace.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
@@ -34,9 +35,7 @@ template <typename Char>
 LONG listGroups(Char* mszGroups, DWORD* pcchGroups)
 {
     if (pcchGroups == nullptr) return SCARD_E_INVALID_PARAMETER;
-    std::basic_string<Char> list(kDefaultGroup, kDefaultGroup + sizeof kDefaultGroup - 1);
-    list.push_back(Char(0));
-    list.push_back(Char(0));
+    const std::basic_string<Char> list = multiString<Char>({wideText(kDefaultGroup)});
     return deliverElements(list.data(), static_cast<DWORD>(list.size()), mszGroups, pcchGroups);
 }
 
@@ -62,24 +61,26 @@ LONG refuseChange(const char* call, const void* first, const void* second = rein
     return traceResult(call, result);
 }
 
+template <typename Char>
+LONG listGroupsCall(const char* call, SCARDCONTEXT context, Char* mszGroups, DWORD* pcchGroups)
+{
+    traceEntry(call);
+    if (!connection_table::acceptsQueryContext(context)) return traceResult(call, SCARD_E_INVALID_HANDLE);
+    return traceResult(call, listReaderGroups(mszGroups, pcchGroups));
+}
+
 }  // namespace
 
 extern "C" {
 
 TESSEL_EXPORT LONG WINAPI SCardListReaderGroupsA(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWORD pcchGroups)
 {
-    traceEntry("SCardListReaderGroupsA");
-    if (!connection_table::acceptsQueryContext(hContext))
-        return traceResult("SCardListReaderGroupsA", SCARD_E_INVALID_HANDLE);
-    return traceResult("SCardListReaderGroupsA", listReaderGroups(mszGroups, pcchGroups));
+    return listGroupsCall("SCardListReaderGroupsA", hContext, mszGroups, pcchGroups);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardListReaderGroupsW(SCARDCONTEXT hContext, LPWSTR mszGroups, LPDWORD pcchGroups)
 {
-    traceEntry("SCardListReaderGroupsW");
-    if (!connection_table::acceptsQueryContext(hContext))
-        return traceResult("SCardListReaderGroupsW", SCARD_E_INVALID_HANDLE);
-    return traceResult("SCardListReaderGroupsW", listReaderGroups(mszGroups, pcchGroups));
+    return listGroupsCall("SCardListReaderGroupsW", hContext, mszGroups, pcchGroups);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardIntroduceReaderGroupA(SCARDCONTEXT hContext, LPCSTR szGroupName)
