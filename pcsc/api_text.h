@@ -8,6 +8,7 @@
 // are widened on the way in and narrowed on the way out.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -63,6 +64,22 @@ inline bool narrowedExactly(const wchar_t* text, std::string& out)
         out.push_back(static_cast<char>(static_cast<unsigned char>(*c)));
     }
     return true;
+}
+
+// Whether the `length` characters at `text` spell the 7-bit text `ascii`,
+// with no regard to the case of A to Z: the rule by which the names of the
+// reader groups and of the plug-and-play reader are compared.
+template <typename Char>
+bool sameIgnoringCase(const Char* text, size_t length, const char* ascii)
+{
+    const auto lower = [](unsigned long c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
+    size_t i = 0;
+    for (; i < length; ++i) {
+        if (ascii[i] == '\0') return false;
+        const auto c = static_cast<unsigned long>(static_cast<std::make_unsigned_t<Char>>(text[i]));
+        if (lower(c) != lower(static_cast<unsigned char>(ascii[i]))) return false;
+    }
+    return ascii[i] == '\0';
 }
 
 // The names of a multi-string, up to its empty name.

@@ -14,21 +14,9 @@ constexpr char kDefaultGroup[] = "SCard$DefaultReaders";
 constexpr char kAllReaders[] = "SCard$AllReaders";
 
 template <typename Char>
-bool sameGroup(const Char* name, size_t length, const char* group)
-{
-    const std::string wanted(group);
-    if (length != wanted.size()) return false;
-    for (size_t i = 0; i < length; ++i) {
-        const auto lower = [](unsigned long c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
-        if (lower(static_cast<unsigned long>(name[i])) != lower(static_cast<unsigned char>(wanted[i]))) return false;
-    }
-    return true;
-}
-
-template <typename Char>
 bool holdsReaders(const Char* name, size_t length)
 {
-    return sameGroup(name, length, kDefaultGroup) || sameGroup(name, length, kAllReaders);
+    return sameIgnoringCase(name, length, kDefaultGroup) || sameIgnoringCase(name, length, kAllReaders);
 }
 
 template <typename Char>

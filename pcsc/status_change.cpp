@@ -16,6 +16,7 @@
 
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/api_text.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
@@ -43,12 +44,7 @@ constexpr char kPnpName[] = "\\\\?PnP?\\Notification";
 template <typename Char>
 bool isPnpName(const Char* name)
 {
-    auto lower = [](unsigned c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
-    size_t i = 0;
-    for (; kPnpName[i] != '\0'; ++i)
-        if (name[i] == 0 || lower(static_cast<unsigned>(name[i])) != lower(static_cast<unsigned char>(kPnpName[i])))
-            return false;
-    return name[i] == 0;
+    return sameIgnoringCase(name, std::char_traits<Char>::length(name), kPnpName);
 }
 
 // The readers a listing would name: every available reader of every rack.
