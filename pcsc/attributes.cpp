@@ -12,6 +12,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/api_text.h"
 #include "pcsc/call_trace.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
@@ -97,13 +98,6 @@ Attribute vendorName()
     return bytes(name, sizeof name);
 }
 
-Attribute wideName(const Reader& reader)
-{
-    std::wstring wide;
-    reader.wideName(wide);
-    return bytes(wide.c_str(), (wide.size() + 1) * sizeof(wchar_t));
-}
-
 bool cardPresent(const Reader& reader) { return (reader.cardState() & kStateCard) != 0; }
 bool cardAnswering(const Reader& reader) { return reader.cardState() == kStateCard; }
 
@@ -134,8 +128,14 @@ Attribute serialNumber(const RackReader& found)
     return bytes(serial.c_str(), serial.size() + 1);
 }
 
-Attribute narrowName(const RackReader& found) { return bytes(found.reader->name.c_str(), found.reader->name.size() + 1); }
-Attribute wideName(const RackReader& found) { return wideName(*found.reader); }
+// The reader's name with its NUL, in bytes of the form's characters.
+template <typename Char>
+Attribute readerName(const RackReader& found)
+{
+    const std::basic_string<Char> name = textAs<Char>(found.reader->name);
+    return bytes(name.c_str(), (name.size() + 1) * sizeof(Char));
+}
+
 Attribute channelId(const RackReader& found) { return number(kUsbChannel | (found.reader->address & 0xFFFFu)); }
 
 // The attributes of the handle's reader.
@@ -144,10 +144,10 @@ const struct {
     Attribute (*read)(const RackReader&);
 } kReaderAttributes[] = {
     {SCARD_ATTR_VENDOR_IFD_SERIAL_NO, serialNumber},
-    {SCARD_ATTR_DEVICE_FRIENDLY_NAME_A, narrowName},
-    {SCARD_ATTR_DEVICE_SYSTEM_NAME_A, narrowName},
-    {SCARD_ATTR_DEVICE_FRIENDLY_NAME_W, wideName},
-    {SCARD_ATTR_DEVICE_SYSTEM_NAME_W, wideName},
+    {SCARD_ATTR_DEVICE_FRIENDLY_NAME_A, readerName<char>},
+    {SCARD_ATTR_DEVICE_SYSTEM_NAME_A, readerName<char>},
+    {SCARD_ATTR_DEVICE_FRIENDLY_NAME_W, readerName<wchar_t>},
+    {SCARD_ATTR_DEVICE_SYSTEM_NAME_W, readerName<wchar_t>},
     {SCARD_ATTR_CHANNEL_ID, channelId},
     {SCARD_ATTR_CURRENT_PROTOCOL_TYPE, currentProtocol},
     {SCARD_ATTR_ICC_PRESENCE, presence},

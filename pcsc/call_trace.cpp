@@ -47,10 +47,10 @@ std::string resultText(LONG result)
     return number;
 }
 
-void traceEntry(const char* call) { logWrite(std::string(call) + "\n"); }
+void traceEntry(const std::string& call) { logWrite(call + "\n"); }
 
-LONG traceResult(const char* call, LONG result)
+LONG traceResult(const std::string& call, LONG result)
 {
-    logWrite(std::string(call) + " " + resultText(result) + "\n");
+    logWrite(call + " " + resultText(result) + "\n");
     return result;
 }

@@ -10,6 +10,14 @@
 std::string resultText(LONG result);
 
 // Writes "<call>\n".
-void traceEntry(const char* call);
+void traceEntry(const std::string& call);
 // Writes "<call> <result>\n" and returns the result.
-LONG traceResult(const char* call, LONG result);
+LONG traceResult(const std::string& call, LONG result);
+
+// The name of a call with an A and a W form, in the form of its
+// characters: the stem and 'A' for the narrow form, 'W' for the wide one.
+template <typename Char>
+std::string formName(const char* stem)
+{
+    return std::string(stem) + (sizeof(Char) == 1 ? 'A' : 'W');
+}

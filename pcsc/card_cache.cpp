@@ -54,9 +54,10 @@ Key keyOf(const UUID* card, const Char* name)
 }
 
 template <typename Char>
-LONG readCache(const char* call, UUID* CardIdentifier, DWORD FreshnessCounter, const Char* LookupName, PBYTE Data,
+LONG readCache(const char* stem, UUID* CardIdentifier, DWORD FreshnessCounter, const Char* LookupName, PBYTE Data,
                DWORD* DataLen)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (CardIdentifier == nullptr || LookupName == nullptr || DataLen == nullptr)
         return traceResult(call, SCARD_E_INVALID_PARAMETER);
@@ -73,9 +74,10 @@ LONG readCache(const char* call, UUID* CardIdentifier, DWORD FreshnessCounter, c
 }
 
 template <typename Char>
-LONG writeCache(const char* call, UUID* CardIdentifier, DWORD FreshnessCounter, const Char* LookupName, PBYTE Data,
+LONG writeCache(const char* stem, UUID* CardIdentifier, DWORD FreshnessCounter, const Char* LookupName, PBYTE Data,
                 DWORD DataLen)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (CardIdentifier == nullptr || LookupName == nullptr || (Data == nullptr && DataLen != 0))
         return traceResult(call, SCARD_E_INVALID_PARAMETER);
@@ -102,25 +104,25 @@ extern "C" {
 LONG WINAPI SCardReadCacheA(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD FreshnessCounter, LPSTR LookupName,
                             PBYTE Data, DWORD* DataLen)
 {
-    return readCache("SCardReadCacheA", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
+    return readCache("SCardReadCache", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
 }
 
 LONG WINAPI SCardReadCacheW(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD FreshnessCounter, LPWSTR LookupName,
                             PBYTE Data, DWORD* DataLen)
 {
-    return readCache("SCardReadCacheW", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
+    return readCache("SCardReadCache", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
 }
 
 LONG WINAPI SCardWriteCacheA(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD FreshnessCounter, LPSTR LookupName,
                              PBYTE Data, DWORD DataLen)
 {
-    return writeCache("SCardWriteCacheA", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
+    return writeCache("SCardWriteCache", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
 }
 
 LONG WINAPI SCardWriteCacheW(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD FreshnessCounter, LPWSTR LookupName,
                              PBYTE Data, DWORD DataLen)
 {
-    return writeCache("SCardWriteCacheW", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
+    return writeCache("SCardWriteCache", CardIdentifier, FreshnessCounter, LookupName, Data, DataLen);
 }
 
 }  // extern "C"

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "diag/trace_log.h"
+#include "pcsc/api_text.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
 #include "pcsc/winscard_api.h"
@@ -25,19 +26,12 @@ template <>
 struct StatusForm<char> {
     static constexpr const char* entry = "SCardStatusA\n";
     static constexpr bool tracesDetail = false;
-    static std::string nameOf(const Reader& reader) { return reader.name; }
 };
 
 template <>
 struct StatusForm<WCHAR> {
     static constexpr const char* entry = "SCardStatusW\n";
     static constexpr bool tracesDetail = true;
-    static std::wstring nameOf(const Reader& reader)
-    {
-        std::wstring wide;
-        reader.wideName(wide);
-        return wide;
-    }
 };
 
 void traceIf(bool traced, const char* text)
@@ -92,7 +86,7 @@ LONG cardStatus(SCARDHANDLE hCard, Char* mszReaderNames, LPDWORD pcchReaderLen, 
     Reader* reader = connection.reader;
 
     // One name with its NUL, counted in characters in both forms.
-    const std::basic_string<Char> name = StatusForm<Char>::nameOf(*reader);
+    const std::basic_string<Char> name = textAs<Char>(reader->name);
     const DWORD nameLength = static_cast<DWORD>(name.size() + 1);
     *pcchReaderLen = nameLength;
     uint8_t atr[Atr::capacity] = {};

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "pcsc/api_text.h"
@@ -89,9 +90,10 @@ DWORD atrLengthOf(const BYTE* atr)
 }
 
 template <typename Char>
-LONG introduce(const char* call, const Char* szCardName, LPCGUID pguidPrimaryProvider, LPCGUID rgguidInterfaces,
+LONG introduce(const char* stem, const Char* szCardName, LPCGUID pguidPrimaryProvider, LPCGUID rgguidInterfaces,
                DWORD dwInterfaceCount, LPCBYTE pbAtr, LPCBYTE pbAtrMask, DWORD cbAtrLen)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szCardName == nullptr || *szCardName == Char(0) || pbAtr == nullptr || cbAtrLen == 0 ||
         cbAtrLen > kLongestAtr || (dwInterfaceCount != 0 && rgguidInterfaces == nullptr))
@@ -110,8 +112,9 @@ LONG introduce(const char* call, const Char* szCardName, LPCGUID pguidPrimaryPro
 }
 
 template <typename Char>
-LONG forget(const char* call, const Char* szCardName)
+LONG forget(const char* stem, const Char* szCardName)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szCardName == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
     CardTypeTable& cards = table();
@@ -123,9 +126,10 @@ LONG forget(const char* call, const Char* szCardName)
 // The names of the types that recognise the ATR (every type without one)
 // and offer every interface asked for.
 template <typename Char>
-LONG listCards(const char* call, LPCBYTE pbAtr, LPCGUID rgguidInterfaces, DWORD cguidInterfaceCount, Char* mszCards,
+LONG listCards(const char* stem, LPCBYTE pbAtr, LPCGUID rgguidInterfaces, DWORD cguidInterfaceCount, Char* mszCards,
                LPDWORD pcchCards)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (pcchCards == nullptr || (cguidInterfaceCount != 0 && rgguidInterfaces == nullptr))
         return traceResult(call, SCARD_E_INVALID_PARAMETER);
@@ -171,9 +175,10 @@ bool knownProvider(DWORD id)
 }
 
 template <typename Char>
-LONG getProviderName(const char* call, const Char* szCardName, DWORD dwProviderId, Char* szProvider,
+LONG getProviderName(const char* stem, const Char* szCardName, DWORD dwProviderId, Char* szProvider,
                      LPDWORD pcchProvider)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szCardName == nullptr || pcchProvider == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
     if (!knownProvider(dwProviderId)) return traceResult(call, SCARD_E_INVALID_VALUE);
@@ -199,8 +204,9 @@ LONG getProviderName(const char* call, const Char* szCardName, DWORD dwProviderI
 }
 
 template <typename Char>
-LONG setProviderName(const char* call, const Char* szCardName, DWORD dwProviderId, const Char* szProvider)
+LONG setProviderName(const char* stem, const Char* szCardName, DWORD dwProviderId, const Char* szProvider)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szCardName == nullptr || szProvider == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
     // The primary provider is the GUID given when the type was introduced.
@@ -215,8 +221,9 @@ LONG setProviderName(const char* call, const Char* szCardName, DWORD dwProviderI
 }
 
 template <typename Char>
-LONG listInterfaces(const char* call, const Char* szCard, LPGUID pguidInterfaces, LPDWORD pcguidInterfaces)
+LONG listInterfaces(const char* stem, const Char* szCard, LPGUID pguidInterfaces, LPDWORD pcguidInterfaces)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szCard == nullptr || pcguidInterfaces == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
     std::vector<GUID> interfaces;
@@ -232,8 +239,9 @@ LONG listInterfaces(const char* call, const Char* szCard, LPGUID pguidInterfaces
 }
 
 template <typename Char>
-LONG getProviderId(const char* call, const Char* szCard, LPGUID pguidProviderId)
+LONG getProviderId(const char* stem, const Char* szCard, LPGUID pguidProviderId)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szCard == nullptr || pguidProviderId == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
     CardTypeTable& cards = table();
@@ -244,9 +252,6 @@ LONG getProviderId(const char* call, const Char* szCard, LPGUID pguidProviderId)
     return traceResult(call, SCARD_S_SUCCESS);
 }
 
-RackReader readerNamed(const char* name) { return findReaderByName(name); }
-RackReader readerNamed(const wchar_t* name) { return findReaderByWideName(name); }
-
 // Fills each reader's record as a status change would, with
 // SCARD_STATE_ATRMATCH where `matches` accepts the card's ATR.
 template <typename State, typename Match>
@@ -254,7 +259,7 @@ LONG locate(State* rgReaderStates, DWORD cReaders, Match matches)
 {
     for (DWORD i = 0; i < cReaders; ++i) {
         State& state = rgReaderStates[i];
-        const RackReader found = readerNamed(state.szReader);
+        const RackReader found = findReaderByName(state.szReader);
         if (found.reader == nullptr) return SCARD_E_UNKNOWN_READER;
         BYTE atr[Atr::capacity] = {};
         const DWORD length = found.reader->atr(atr);
@@ -270,8 +275,9 @@ LONG locate(State* rgReaderStates, DWORD cReaders, Match matches)
 }
 
 template <typename Char, typename State>
-LONG locateCards(const char* call, const Char* mszCards, State* rgReaderStates, DWORD cReaders)
+LONG locateCards(const char* stem, const Char* mszCards, State* rgReaderStates, DWORD cReaders)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (mszCards == nullptr || (cReaders != 0 && rgReaderStates == nullptr))
         return traceResult(call, SCARD_E_INVALID_PARAMETER);
@@ -292,8 +298,10 @@ LONG locateCards(const char* call, const Char* mszCards, State* rgReaderStates, 
 }
 
 template <typename State>
-LONG locateByAtr(const char* call, LPSCARD_ATRMASK rgAtrMasks, DWORD cAtrs, State* rgReaderStates, DWORD cReaders)
+LONG locateByAtr(const char* stem, LPSCARD_ATRMASK rgAtrMasks, DWORD cAtrs, State* rgReaderStates, DWORD cReaders)
 {
+    using Char = std::remove_const_t<std::remove_pointer_t<decltype(State::szReader)>>;
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if ((cAtrs != 0 && rgAtrMasks == nullptr) || (cReaders != 0 && rgReaderStates == nullptr))
         return traceResult(call, SCARD_E_INVALID_PARAMETER);
@@ -316,7 +324,7 @@ LONG WINAPI SCardIntroduceCardTypeA(SCARDCONTEXT hContext, LPCSTR szCardName, LP
                                     LPCGUID rgguidInterfaces, DWORD dwInterfaceCount, LPCBYTE pbAtr,
                                     LPCBYTE pbAtrMask, DWORD cbAtrLen)
 {
-    return introduce("SCardIntroduceCardTypeA", szCardName, pguidPrimaryProvider, rgguidInterfaces,
+    return introduce("SCardIntroduceCardType", szCardName, pguidPrimaryProvider, rgguidInterfaces,
                      dwInterfaceCount, pbAtr, pbAtrMask, cbAtrLen);
 }
 
@@ -324,100 +332,100 @@ LONG WINAPI SCardIntroduceCardTypeW(SCARDCONTEXT hContext, LPCWSTR szCardName, L
                                     LPCGUID rgguidInterfaces, DWORD dwInterfaceCount, LPCBYTE pbAtr,
                                     LPCBYTE pbAtrMask, DWORD cbAtrLen)
 {
-    return introduce("SCardIntroduceCardTypeW", szCardName, pguidPrimaryProvider, rgguidInterfaces,
+    return introduce("SCardIntroduceCardType", szCardName, pguidPrimaryProvider, rgguidInterfaces,
                      dwInterfaceCount, pbAtr, pbAtrMask, cbAtrLen);
 }
 
 LONG WINAPI SCardForgetCardTypeA(SCARDCONTEXT hContext, LPCSTR szCardName)
 {
-    return forget("SCardForgetCardTypeA", szCardName);
+    return forget("SCardForgetCardType", szCardName);
 }
 
 LONG WINAPI SCardForgetCardTypeW(SCARDCONTEXT hContext, LPCWSTR szCardName)
 {
-    return forget("SCardForgetCardTypeW", szCardName);
+    return forget("SCardForgetCardType", szCardName);
 }
 
 LONG WINAPI SCardListCardsA(SCARDCONTEXT hContext, LPCBYTE pbAtr, LPCGUID rgquidInterfaces, DWORD cguidInterfaceCount,
                             LPSTR mszCards, LPDWORD pcchCards)
 {
-    return listCards("SCardListCardsA", pbAtr, rgquidInterfaces, cguidInterfaceCount, mszCards, pcchCards);
+    return listCards("SCardListCards", pbAtr, rgquidInterfaces, cguidInterfaceCount, mszCards, pcchCards);
 }
 
 LONG WINAPI SCardListCardsW(SCARDCONTEXT hContext, LPCBYTE pbAtr, LPCGUID rgquidInterfaces, DWORD cguidInterfaceCount,
                             LPWSTR mszCards, LPDWORD pcchCards)
 {
-    return listCards("SCardListCardsW", pbAtr, rgquidInterfaces, cguidInterfaceCount, mszCards, pcchCards);
+    return listCards("SCardListCards", pbAtr, rgquidInterfaces, cguidInterfaceCount, mszCards, pcchCards);
 }
 
 LONG WINAPI SCardGetCardTypeProviderNameA(SCARDCONTEXT hContext, LPCSTR szCardName, DWORD dwProviderId,
                                           LPSTR szProvider, LPDWORD pcchProvider)
 {
-    return getProviderName("SCardGetCardTypeProviderNameA", szCardName, dwProviderId, szProvider, pcchProvider);
+    return getProviderName("SCardGetCardTypeProviderName", szCardName, dwProviderId, szProvider, pcchProvider);
 }
 
 LONG WINAPI SCardGetCardTypeProviderNameW(SCARDCONTEXT hContext, LPCWSTR szCardName, DWORD dwProviderId,
                                           LPWSTR szProvider, LPDWORD pcchProvider)
 {
-    return getProviderName("SCardGetCardTypeProviderNameW", szCardName, dwProviderId, szProvider, pcchProvider);
+    return getProviderName("SCardGetCardTypeProviderName", szCardName, dwProviderId, szProvider, pcchProvider);
 }
 
 LONG WINAPI SCardSetCardTypeProviderNameA(SCARDCONTEXT hContext, LPCSTR szCardName, DWORD dwProviderId,
                                           LPCSTR szProvider)
 {
-    return setProviderName("SCardSetCardTypeProviderNameA", szCardName, dwProviderId, szProvider);
+    return setProviderName("SCardSetCardTypeProviderName", szCardName, dwProviderId, szProvider);
 }
 
 LONG WINAPI SCardSetCardTypeProviderNameW(SCARDCONTEXT hContext, LPCWSTR szCardName, DWORD dwProviderId,
                                           LPCWSTR szProvider)
 {
-    return setProviderName("SCardSetCardTypeProviderNameW", szCardName, dwProviderId, szProvider);
+    return setProviderName("SCardSetCardTypeProviderName", szCardName, dwProviderId, szProvider);
 }
 
 LONG WINAPI SCardListInterfacesA(SCARDCONTEXT hContext, LPCSTR szCard, LPGUID pguidInterfaces,
                                  LPDWORD pcguidInterfaces)
 {
-    return listInterfaces("SCardListInterfacesA", szCard, pguidInterfaces, pcguidInterfaces);
+    return listInterfaces("SCardListInterfaces", szCard, pguidInterfaces, pcguidInterfaces);
 }
 
 LONG WINAPI SCardListInterfacesW(SCARDCONTEXT hContext, LPCWSTR szCard, LPGUID pguidInterfaces,
                                  LPDWORD pcguidInterfaces)
 {
-    return listInterfaces("SCardListInterfacesW", szCard, pguidInterfaces, pcguidInterfaces);
+    return listInterfaces("SCardListInterfaces", szCard, pguidInterfaces, pcguidInterfaces);
 }
 
 LONG WINAPI SCardGetProviderIdA(SCARDCONTEXT hContext, LPCSTR szCard, LPGUID pguidProviderId)
 {
-    return getProviderId("SCardGetProviderIdA", szCard, pguidProviderId);
+    return getProviderId("SCardGetProviderId", szCard, pguidProviderId);
 }
 
 LONG WINAPI SCardGetProviderIdW(SCARDCONTEXT hContext, LPCWSTR szCard, LPGUID pguidProviderId)
 {
-    return getProviderId("SCardGetProviderIdW", szCard, pguidProviderId);
+    return getProviderId("SCardGetProviderId", szCard, pguidProviderId);
 }
 
 LONG WINAPI SCardLocateCardsA(SCARDCONTEXT hContext, LPCSTR mszCards, LPSCARD_READERSTATEA rgReaderStates,
                               DWORD cReaders)
 {
-    return locateCards("SCardLocateCardsA", mszCards, rgReaderStates, cReaders);
+    return locateCards("SCardLocateCards", mszCards, rgReaderStates, cReaders);
 }
 
 LONG WINAPI SCardLocateCardsW(SCARDCONTEXT hContext, LPCWSTR mszCards, LPSCARD_READERSTATEW rgReaderStates,
                               DWORD cReaders)
 {
-    return locateCards("SCardLocateCardsW", mszCards, rgReaderStates, cReaders);
+    return locateCards("SCardLocateCards", mszCards, rgReaderStates, cReaders);
 }
 
 LONG WINAPI SCardLocateCardsByATRA(SCARDCONTEXT hContext, LPSCARD_ATRMASK rgAtrMasks, DWORD cAtrs,
                                    LPSCARD_READERSTATEA rgReaderStates, DWORD cReaders)
 {
-    return locateByAtr("SCardLocateCardsByATRA", rgAtrMasks, cAtrs, rgReaderStates, cReaders);
+    return locateByAtr("SCardLocateCardsByATR", rgAtrMasks, cAtrs, rgReaderStates, cReaders);
 }
 
 LONG WINAPI SCardLocateCardsByATRW(SCARDCONTEXT hContext, LPSCARD_ATRMASK rgAtrMasks, DWORD cAtrs,
                                    LPSCARD_READERSTATEW rgReaderStates, DWORD cReaders)
 {
-    return locateByAtr("SCardLocateCardsByATRW", rgAtrMasks, cAtrs, rgReaderStates, cReaders);
+    return locateByAtr("SCardLocateCardsByATR", rgAtrMasks, cAtrs, rgReaderStates, cReaders);
 }
 
 }  // extern "C"

@@ -9,6 +9,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/api_text.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/lookups.h"
 #include "pcsc/winscard_api.h"
@@ -87,25 +88,92 @@ bool cardActionOf(DWORD disposition, connection_table::CardAction& action)
 }
 
 
-// The steps both forms share once the reader is found.
-LONG connectToReader(SCARDCONTEXT context, const RackReader& found, DWORD shareMode, DWORD preferred,
-                     LPSCARDHANDLE phCard, LPDWORD pdwActiveProtocol, bool narrow)
+// The two forms run the same steps and differ in their character type and
+// their traces; a null text means that the form writes no trace there.
+template <typename Char>
+struct ConnectForm;
+
+template <>
+struct ConnectForm<char> {
+    static constexpr const char* entry = "SCardConnectA: ";
+    static constexpr const char* gotRack = "Got rack\n";
+    static constexpr const char* gotReader = "Got reader\n";
+    static constexpr const char* noReader = "No Reader\n";
+    static constexpr const char* noCard = "No card\n";
+    // Both protocols asked for; any other request is traced by number.
+    static constexpr const char* bothProtocols = "Protocol unspecified\n";
+    static constexpr const char* requestedPrefix = "Requested protocol is ";
+    static constexpr const char* connected = nullptr;
+    static constexpr const char* activePrefix = nullptr;
+
+    static void traceEntry(const std::string& text) { logWrite(text); }
+};
+
+template <>
+struct ConnectForm<wchar_t> {
+    static constexpr const char* entry = "SCardConnectW: ";
+    static constexpr const char* gotRack = nullptr;
+    static constexpr const char* gotReader = nullptr;
+    static constexpr const char* noReader = nullptr;
+    static constexpr const char* noCard = nullptr;
+    static constexpr const char* bothProtocols = nullptr;
+    static constexpr const char* requestedPrefix = "pref prot is ";
+    static constexpr const char* connected = "Connected\n";
+    static constexpr const char* activePrefix = "active is ";
+
+    // The library's only wide trace.
+    static void traceEntry(const std::wstring& text) { logWriteWide(text); }
+};
+
+void traceIfAny(const char* text)
 {
+    if (text != nullptr) logWrite(text);
+}
+
+void traceNumberIfAny(const char* prefix, DWORD value)
+{
+    if (prefix != nullptr) logWrite(prefix + decimalText(static_cast<uint32_t>(value)) + "\n");
+}
+
+// szReader, phCard and pdwActiveProtocol are the caller's to supply; a null
+// among them is refused after the entry trace instead of written through.
+// Outputs are written only on success.
+template <typename Char>
+LONG connectCard(SCARDCONTEXT context, const Char* szReader, DWORD shareMode, DWORD preferred, LPSCARDHANDLE phCard,
+                 LPDWORD pdwActiveProtocol)
+{
+    using Form = ConnectForm<Char>;
+    std::basic_string<Char> entry = textAs<Char>(std::string(Form::entry));
+    if (szReader != nullptr) entry += szReader;
+    entry.push_back(Char('\n'));
+    Form::traceEntry(entry);
+    if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
+    if (!connection_table::isLiveContext(context)) return SCARD_E_INVALID_HANDLE;
+
+    const RackReader found = findReaderByName(szReader);
+    if (found.rack != nullptr) {
+        traceIfAny(Form::gotRack);
+        traceIfAny(Form::gotReader);
+    }
+    // A reader whose rack is lost, or whose slot left the slot map, is
+    // refused at once, as one that was never there.
+    if (found.reader == nullptr || !found.reader->available()) {
+        traceIfAny(Form::noReader);
+        return SCARD_E_READER_UNAVAILABLE;
+    }
+
     if (!validShareMode(shareMode) || !validProtocols(shareMode, preferred)) return SCARD_E_INVALID_VALUE;
     Reader* reader = found.reader;
     if (shareMode != SCARD_SHARE_DIRECT && reader->atrLength() == 0) {
-        if (narrow) logWrite("No card\n");
+        traceIfAny(Form::noCard);
         // A mute card is in the slot but does not answer.
         return reader->cardState() == kStateMuteCard ? SCARD_W_UNRESPONSIVE_CARD : SCARD_E_NO_SMARTCARD;
     }
-    if (narrow) {
-        if (preferred == kBothProtocols)
-            logWrite("Protocol unspecified\n");
-        else
-            logWrite("Requested protocol is " + decimalText(static_cast<uint32_t>(preferred)) + "\n");
-    } else {
-        logWrite("pref prot is " + decimalText(static_cast<uint32_t>(preferred)) + "\n");
-    }
+    if (Form::bothProtocols != nullptr && preferred == kBothProtocols)
+        logWrite(Form::bothProtocols);
+    else
+        traceNumberIfAny(Form::requestedPrefix, preferred);
+
     connection_table::ConnectRequest request;
     request.context = context;
     request.rack = found.rack;
@@ -118,52 +186,25 @@ LONG connectToReader(SCARDCONTEXT context, const RackReader& found, DWORD shareM
     if (result != SCARD_S_SUCCESS) return result;
     *phCard = handle;
     *pdwActiveProtocol = active;
-    if (!narrow) {
-        logWrite("Connected\n");
-        logWrite("active is " + decimalText(static_cast<uint32_t>(active)) + "\n");
-    }
+    traceIfAny(Form::connected);
+    traceNumberIfAny(Form::activePrefix, active);
     return SCARD_S_SUCCESS;
 }
 
 }  // namespace
 
-// szReader, phCard and pdwActiveProtocol are the caller's to supply; a null
-// among them is refused after the entry trace instead of written through.
-// Outputs are written only on success.
 extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareMode,
                                                    DWORD dwPreferredProtocols, LPSCARDHANDLE phCard,
                                                    LPDWORD pdwActiveProtocol)
 {
-    logWrite(std::string("SCardConnectA: ") + (szReader != nullptr ? szReader : "") + "\n");
-    if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
-    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
-
-    const RackReader found = findReaderByName(szReader);
-    if (found.rack != nullptr) {
-        logWrite("Got rack\n");
-        logWrite("Got reader\n");
-    }
-    // A reader whose rack is lost, or whose slot left the slot map, is
-    // refused at once, as one that was never there.
-    if (found.reader == nullptr || !found.reader->available()) {
-        logWrite("No Reader\n");
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    return connectToReader(hContext, found, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol, true);
+    return connectCard(hContext, szReader, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol);
 }
 
 extern "C" TESSEL_EXPORT LONG WINAPI SCardConnectW(SCARDCONTEXT hContext, LPCWSTR szReader, DWORD dwShareMode,
                                                    DWORD dwPreferredProtocols, LPSCARDHANDLE phCard,
                                                    LPDWORD pdwActiveProtocol)
 {
-    // The library's only wide trace.
-    logWriteWide(std::wstring(L"SCardConnectW: ") + (szReader != nullptr ? szReader : L"") + L"\n");
-    if (szReader == nullptr || phCard == nullptr || pdwActiveProtocol == nullptr) return SCARD_E_INVALID_PARAMETER;
-    if (!connection_table::isLiveContext(hContext)) return SCARD_E_INVALID_HANDLE;
-
-    const RackReader found = findReaderByWideName(szReader);
-    if (found.reader == nullptr || !found.reader->available()) return SCARD_E_READER_UNAVAILABLE;
-    return connectToReader(hContext, found, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol, false);
+    return connectCard(hContext, szReader, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol);
 }
 
 // Leave joins the card (or powers it if it is not powered); reset and

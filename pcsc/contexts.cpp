@@ -4,6 +4,7 @@
 // the racks to come up, without a pause once they are; SCardIsValidContext
 // tells a live context from any other value; SCardReset, which the
 // published API does not have, resets all racks at once.
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -15,6 +16,7 @@
 #include "pcsc/wait_cancel.h"
 #include "pcsc/winscard_api.h"
 #include "platform/clock.h"
+#include "platform/signal.h"
 #include "reader/reader.h"
 
 namespace {
@@ -27,9 +29,10 @@ constexpr int32_t kEnumerationWaitSeconds = 15;
 // Waits until every rack is enumerated or the limit of whole seconds has
 // passed. A rack that never finishes is not an error: the host gets its
 // context all the same, and the "Time: " entry is the only sign of it.
-// The thread sleeps on the card events, which a rack that finishes its
-// bring-up notifies; without a wake it sleeps to the calendar clock's next
-// whole second, the next moment its limit test can change.
+// The thread sleeps on the card events, which the end of a search, a rack
+// that finishes its bring-up and a rack that is lost all notify; without a
+// wake it sleeps to the moment its limit test can next change, when the
+// calendar clock has passed the limit.
 void waitForRacks()
 {
     const uint32_t start = static_cast<uint32_t>(platform::calendarSeconds());
@@ -37,15 +40,18 @@ void waitForRacks()
     for (;;) {
         const uint32_t seen = events.generation();
         if (allRacksEnumerated()) return;
-        int32_t elapsed = static_cast<int32_t>(static_cast<uint32_t>(platform::calendarSeconds()) - start);
+        const int32_t elapsed = static_cast<int32_t>(static_cast<uint32_t>(platform::calendarSeconds()) - start);
         if (elapsed > kEnumerationWaitSeconds) {
             logWrite("Time: " + decimalText(elapsed));
             return;
         }
-        // The calendar clock may lag the finer clock of the sleep by a
-        // tick: never sleep less than a millisecond.
-        uint32_t sleepMs = platform::msToNextCalendarSecond();
-        if (sleepMs == 0) sleepMs = 1;
+        // The rest of this second and the whole seconds left before the
+        // limit is passed (the whole limit for a calendar clock set back
+        // meanwhile); never less than a millisecond, as the calendar clock
+        // may lag the finer clock of the sleep by a tick.
+        const int32_t secondsLeft = kEnumerationWaitSeconds - std::max(elapsed, int32_t(0));
+        const uint32_t sleepMs =
+            std::max<uint32_t>(platform::msToNextCalendarSecond(), 1) + static_cast<uint32_t>(secondsLeft) * 1000;
         events.wait(seen, sleepMs);
     }
 }

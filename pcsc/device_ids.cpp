@@ -16,29 +16,28 @@
 
 namespace {
 
-std::wstring instanceIdOf(const Rack& rack) { return wideText(("TESSEL\\RACK\\" + rack.serialNumber()).c_str()); }
-
-RackReader readerNamed(const char* name) { return findReaderByName(name); }
-RackReader readerNamed(const wchar_t* name) { return findReaderByWideName(name); }
+std::wstring instanceIdOf(const Rack& rack) { return wideText("TESSEL\\RACK\\" + rack.serialNumber()); }
 
 template <typename Char>
-LONG deviceTypeId(const char* call, const Char* szReaderName, LPDWORD pdwDeviceTypeId)
+LONG deviceTypeId(const char* stem, const Char* szReaderName, LPDWORD pdwDeviceTypeId)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szReaderName == nullptr || pdwDeviceTypeId == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
-    if (readerNamed(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
+    if (findReaderByName(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
     // The racks hang on USB.
     *pdwDeviceTypeId = SCARD_READER_TYPE_USB;
     return traceResult(call, SCARD_S_SUCCESS);
 }
 
 template <typename Char>
-LONG readerInstanceId(const char* call, const Char* szReaderName, Char* szDeviceInstanceId,
+LONG readerInstanceId(const char* stem, const Char* szReaderName, Char* szDeviceInstanceId,
                       LPDWORD pcchDeviceInstanceId)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szReaderName == nullptr || pcchDeviceInstanceId == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
-    const RackReader found = readerNamed(szReaderName);
+    const RackReader found = findReaderByName(szReaderName);
     if (found.reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
     const std::basic_string<Char> id = textAs<Char>(instanceIdOf(*found.rack));
     return traceResult(call, deliverElements(id.c_str(), static_cast<DWORD>(id.size() + 1), szDeviceInstanceId,
@@ -46,8 +45,9 @@ LONG readerInstanceId(const char* call, const Char* szReaderName, Char* szDevice
 }
 
 template <typename Char>
-LONG readersWithInstanceId(const char* call, const Char* szDeviceInstanceId, Char* mszReaders, LPDWORD pcchReaders)
+LONG readersWithInstanceId(const char* stem, const Char* szDeviceInstanceId, Char* mszReaders, LPDWORD pcchReaders)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szDeviceInstanceId == nullptr || pcchReaders == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
     const std::wstring wanted = wideText(szDeviceInstanceId);
@@ -56,7 +56,7 @@ LONG readersWithInstanceId(const char* call, const Char* szDeviceInstanceId, Cha
         const Rack& rack = *g_racks[r];
         if (instanceIdOf(rack) != wanted) continue;
         const GrowingList<Reader*>& readers = rack.readers();
-        for (size_t i = 0, n = readers.size(); i < n; ++i) names.push_back(wideText(readers[i]->name.c_str()));
+        for (size_t i = 0, n = readers.size(); i < n; ++i) names.push_back(wideText(readers[i]->name));
     }
     // No such device: the answer of a listing without readers.
     if (names.empty()) {
@@ -69,11 +69,12 @@ LONG readersWithInstanceId(const char* call, const Char* szDeviceInstanceId, Cha
 
 // The slots have no icon of their own; the host shows its default.
 template <typename Char>
-LONG readerIcon(const char* call, const Char* szReaderName, LPDWORD pcbIcon)
+LONG readerIcon(const char* stem, const Char* szReaderName, LPDWORD pcbIcon)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     if (szReaderName == nullptr || pcbIcon == nullptr) return traceResult(call, SCARD_E_INVALID_PARAMETER);
-    if (readerNamed(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
+    if (findReaderByName(szReaderName).reader == nullptr) return traceResult(call, SCARD_E_UNKNOWN_READER);
     return traceResult(call, SCARD_E_UNSUPPORTED_FEATURE);
 }
 
@@ -83,46 +84,46 @@ extern "C" {
 
 LONG WINAPI SCardGetDeviceTypeIdA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPDWORD pdwDeviceTypeId)
 {
-    return deviceTypeId("SCardGetDeviceTypeIdA", szReaderName, pdwDeviceTypeId);
+    return deviceTypeId("SCardGetDeviceTypeId", szReaderName, pdwDeviceTypeId);
 }
 
 LONG WINAPI SCardGetDeviceTypeIdW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPDWORD pdwDeviceTypeId)
 {
-    return deviceTypeId("SCardGetDeviceTypeIdW", szReaderName, pdwDeviceTypeId);
+    return deviceTypeId("SCardGetDeviceTypeId", szReaderName, pdwDeviceTypeId);
 }
 
 LONG WINAPI SCardGetReaderDeviceInstanceIdA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPSTR szDeviceInstanceId,
                                             LPDWORD pcchDeviceInstanceId)
 {
-    return readerInstanceId("SCardGetReaderDeviceInstanceIdA", szReaderName, szDeviceInstanceId, pcchDeviceInstanceId);
+    return readerInstanceId("SCardGetReaderDeviceInstanceId", szReaderName, szDeviceInstanceId, pcchDeviceInstanceId);
 }
 
 LONG WINAPI SCardGetReaderDeviceInstanceIdW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPWSTR szDeviceInstanceId,
                                             LPDWORD pcchDeviceInstanceId)
 {
-    return readerInstanceId("SCardGetReaderDeviceInstanceIdW", szReaderName, szDeviceInstanceId, pcchDeviceInstanceId);
+    return readerInstanceId("SCardGetReaderDeviceInstanceId", szReaderName, szDeviceInstanceId, pcchDeviceInstanceId);
 }
 
 LONG WINAPI SCardListReadersWithDeviceInstanceIdA(SCARDCONTEXT hContext, LPCSTR szDeviceInstanceId, LPSTR mszReaders,
                                                   LPDWORD pcchReaders)
 {
-    return readersWithInstanceId("SCardListReadersWithDeviceInstanceIdA", szDeviceInstanceId, mszReaders, pcchReaders);
+    return readersWithInstanceId("SCardListReadersWithDeviceInstanceId", szDeviceInstanceId, mszReaders, pcchReaders);
 }
 
 LONG WINAPI SCardListReadersWithDeviceInstanceIdW(SCARDCONTEXT hContext, LPCWSTR szDeviceInstanceId,
                                                   LPWSTR mszReaders, LPDWORD pcchReaders)
 {
-    return readersWithInstanceId("SCardListReadersWithDeviceInstanceIdW", szDeviceInstanceId, mszReaders, pcchReaders);
+    return readersWithInstanceId("SCardListReadersWithDeviceInstanceId", szDeviceInstanceId, mszReaders, pcchReaders);
 }
 
 LONG WINAPI SCardGetReaderIconA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPBYTE pbIcon, LPDWORD pcbIcon)
 {
-    return readerIcon("SCardGetReaderIconA", szReaderName, pcbIcon);
+    return readerIcon("SCardGetReaderIcon", szReaderName, pcbIcon);
 }
 
 LONG WINAPI SCardGetReaderIconW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPBYTE pbIcon, LPDWORD pcbIcon)
 {
-    return readerIcon("SCardGetReaderIconW", szReaderName, pcbIcon);
+    return readerIcon("SCardGetReaderIcon", szReaderName, pcbIcon);
 }
 
 }  // extern "C"

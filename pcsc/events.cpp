@@ -10,16 +10,16 @@
 #include "pcsc/call_trace.h"
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"
-#include "platform/clock.h"
+#include "platform/signal.h"
 #include "platform/thread.h"
+#include "reader/reader.h"
 
 namespace {
 
 // How long the watch waits for the racks to report their slots at most; a
 // rack that never does leaves the event set after this, since waiting hosts
 // are better served by the readers there are.
-constexpr int kLongestWaitMs = 30000;
-constexpr int kPollMs = 10;
+constexpr uint32_t kLongestWaitMs = 30000;
 
 struct SharedEvent {
     HANDLE handle = nullptr;
@@ -52,8 +52,10 @@ void setAll(Events& all)
 void watchRacks()
 {
     waitForDiscoveryThreads();
-    for (int waited = 0; g_racks.size() != 0 && !allRacksEnumerated() && waited < kLongestWaitMs; waited += kPollMs)
-        platform::pauseMs(kPollMs);
+    // The card events tell of every rack that finishes its bring-up or is
+    // lost, as they do for SCardEstablishContext.
+    cardEvents().waitFor([] { return g_racks.size() == 0 || allRacksEnumerated(); },
+                         platform::Signal::deadlineIn(kLongestWaitMs));
     Events& all = events();
     std::lock_guard<std::mutex> guard(all.lock);
     all.racksUp = true;

@@ -11,6 +11,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/api_text.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
 #include "pcsc/reader_groups.h"
@@ -37,8 +38,6 @@ struct ListingForm<char> {
     static constexpr const char* tooSmall = nullptr;
     static constexpr const char* sizeQuery = nullptr;
     static constexpr const char* endPrefix = "reached end of listreaders ";
-
-    static void appendName(std::string& list, const Reader& reader) { list += reader.name; }
 };
 
 template <>
@@ -53,13 +52,6 @@ struct ListingForm<WCHAR> {
     static constexpr const char* tooSmall = "SCARD_E_INSUFFICIENT_BUFFER\n";
     static constexpr const char* sizeQuery = "No buffer provided\n";
     static constexpr const char* endPrefix = "reached end of Wlistreaders ";
-
-    static void appendName(std::wstring& list, const Reader& reader)
-    {
-        std::wstring wide;
-        reader.wideName(wide);
-        list += wide;
-    }
 };
 
 void traceIfAny(const char* text)
@@ -81,7 +73,7 @@ std::basic_string<Char> composeReaderList()
             // A reader of a lost rack, or of a slot no longer in its slot
             // map, is not listed until it is back.
             if (!readers[i]->available()) continue;
-            ListingForm<Char>::appendName(list, *readers[i]);
+            list += textAs<Char>(readers[i]->name);
             list.push_back(Char(0));
         }
     }

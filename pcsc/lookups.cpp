@@ -16,18 +16,11 @@
 #include <unordered_map>
 
 #include "link/rack.h"
+#include "pcsc/api_text.h"
 #include "pcsc/registry.h"
 #include "reader/reader.h"
 
 namespace {
-
-bool sameWideName(const std::string& name, const wchar_t* wide)
-{
-    size_t i = 0;
-    for (; i < name.size(); ++i)
-        if (wide[i] != static_cast<wchar_t>(static_cast<unsigned char>(name[i]))) return false;
-    return wide[i] == L'\0';
-}
 
 struct NameMap {
     std::mutex guard;
@@ -72,21 +65,14 @@ RackReader findReaderByName(const char* name)
     return walked;
 }
 
-RackReader findReaderByWideName(const wchar_t* name)
+RackReader findReaderByName(const wchar_t* name)
 {
     if (name == nullptr) return {};
-    // Reader names are widened character by character, so a wide name with
-    // a character above 255 names no reader.
+    // Narrowing is exact and undoes the widening, so the narrow name finds
+    // the one reader whose wide name this is.
     std::string narrow;
-    for (const wchar_t* c = name; *c != L'\0'; ++c) {
-        if (static_cast<unsigned long>(*c) > 0xFF) return {};
-        narrow.push_back(static_cast<char>(static_cast<unsigned char>(*c)));
-    }
-    const RackReader found = findReaderByName(narrow.c_str());
-    // The same test as the walk made, for a name whose narrowed form the
-    // map took from another reader.
-    if (found.reader != nullptr && !sameWideName(found.reader->name, name)) return {};
-    return found;
+    if (!narrowedExactly(name, narrow)) return {};
+    return findReaderByName(narrow.c_str());
 }
 
 RackReader findReaderByCardHandle(SCARDHANDLE hCard)

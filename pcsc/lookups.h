@@ -13,8 +13,10 @@ struct RackReader {
     Reader* reader = nullptr;
 };
 
+// A wide name finds the reader whose name widens to it (api_text.h); one
+// with a character above 255 finds none.
 RackReader findReaderByName(const char* name);
-RackReader findReaderByWideName(const wchar_t* name);
+RackReader findReaderByName(const wchar_t* name);
 // The reader of a live card handle (of any share mode, direct included);
 // both null for a handle that was never handed out, was disconnected, or
 // belongs to a released context or to the parent of a forked process.

@@ -75,6 +75,8 @@ void runRescanThread()
         rescanRacks();
     }
     g_rescanRunning.store(false, std::memory_order_release);
+    // The stop path sleeps on the same signal until the thread is done.
+    rescanWake().notify();
 }
 
 }  // namespace
@@ -152,6 +154,10 @@ void stopRackRescan()
 {
     g_rescanStop.store(true, std::memory_order_release);
     rescanWake().notify();
-    while (g_rescanRunning.load(std::memory_order_acquire)) platform::pauseMs(1);
+    // A pass that has begun runs to its end: the wait tests again after a
+    // while, and the thread's end wakes it before that.
+    const auto ended = [] { return !g_rescanRunning.load(std::memory_order_acquire); };
+    while (!rescanWake().waitFor(ended, platform::Signal::deadlineIn(kRescanIntervalMs))) {
+    }
     refusedSerials().clear();
 }

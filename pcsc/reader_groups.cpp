@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "pcsc/api_text.h"
 #include "pcsc/call_trace.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/host_buffer.h"
@@ -13,30 +14,16 @@ constexpr char kDefaultGroup[] = "SCard$DefaultReaders";
 constexpr char kAllReaders[] = "SCard$AllReaders";
 
 template <typename Char>
-bool sameGroup(const Char* name, size_t length, const char* group)
-{
-    const std::string wanted(group);
-    if (length != wanted.size()) return false;
-    for (size_t i = 0; i < length; ++i) {
-        const auto lower = [](unsigned long c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
-        if (lower(static_cast<unsigned long>(name[i])) != lower(static_cast<unsigned char>(wanted[i]))) return false;
-    }
-    return true;
-}
-
-template <typename Char>
 bool holdsReaders(const Char* name, size_t length)
 {
-    return sameGroup(name, length, kDefaultGroup) || sameGroup(name, length, kAllReaders);
+    return sameIgnoringCase(name, length, kDefaultGroup) || sameIgnoringCase(name, length, kAllReaders);
 }
 
 template <typename Char>
 LONG listGroups(Char* mszGroups, DWORD* pcchGroups)
 {
     if (pcchGroups == nullptr) return SCARD_E_INVALID_PARAMETER;
-    std::basic_string<Char> list(kDefaultGroup, kDefaultGroup + sizeof kDefaultGroup - 1);
-    list.push_back(Char(0));
-    list.push_back(Char(0));
+    const std::basic_string<Char> list = multiString<Char>({wideText(kDefaultGroup)});
     return deliverElements(list.data(), static_cast<DWORD>(list.size()), mszGroups, pcchGroups);
 }
 
@@ -55,11 +42,29 @@ namespace {
 // The calls that would change readers or groups: their arguments are
 // checked as the published API checks them, and then they are refused,
 // since the readers come from the racks.
-LONG refuseChange(const char* call, const void* first, const void* second = reinterpret_cast<const void*>(1))
+template <typename Char>
+LONG refuseChange(const char* stem, const Char* first, const Char* second)
 {
+    const std::string call = formName<Char>(stem);
     traceEntry(call);
     const LONG result = first == nullptr || second == nullptr ? SCARD_E_INVALID_PARAMETER : SCARD_E_UNSUPPORTED_FEATURE;
     return traceResult(call, result);
+}
+
+// The calls that name one reader or group.
+template <typename Char>
+LONG refuseChange(const char* stem, const Char* name)
+{
+    return refuseChange(stem, name, name);
+}
+
+template <typename Char>
+LONG listGroupsCall(const char* stem, SCARDCONTEXT context, Char* mszGroups, DWORD* pcchGroups)
+{
+    const std::string call = formName<Char>(stem);
+    traceEntry(call);
+    if (!connection_table::acceptsQueryContext(context)) return traceResult(call, SCARD_E_INVALID_HANDLE);
+    return traceResult(call, listReaderGroups(mszGroups, pcchGroups));
 }
 
 }  // namespace
@@ -68,79 +73,73 @@ extern "C" {
 
 TESSEL_EXPORT LONG WINAPI SCardListReaderGroupsA(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWORD pcchGroups)
 {
-    traceEntry("SCardListReaderGroupsA");
-    if (!connection_table::acceptsQueryContext(hContext))
-        return traceResult("SCardListReaderGroupsA", SCARD_E_INVALID_HANDLE);
-    return traceResult("SCardListReaderGroupsA", listReaderGroups(mszGroups, pcchGroups));
+    return listGroupsCall("SCardListReaderGroups", hContext, mszGroups, pcchGroups);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardListReaderGroupsW(SCARDCONTEXT hContext, LPWSTR mszGroups, LPDWORD pcchGroups)
 {
-    traceEntry("SCardListReaderGroupsW");
-    if (!connection_table::acceptsQueryContext(hContext))
-        return traceResult("SCardListReaderGroupsW", SCARD_E_INVALID_HANDLE);
-    return traceResult("SCardListReaderGroupsW", listReaderGroups(mszGroups, pcchGroups));
+    return listGroupsCall("SCardListReaderGroups", hContext, mszGroups, pcchGroups);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardIntroduceReaderGroupA(SCARDCONTEXT hContext, LPCSTR szGroupName)
 {
-    return refuseChange("SCardIntroduceReaderGroupA", szGroupName);
+    return refuseChange("SCardIntroduceReaderGroup", szGroupName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardIntroduceReaderGroupW(SCARDCONTEXT hContext, LPCWSTR szGroupName)
 {
-    return refuseChange("SCardIntroduceReaderGroupW", szGroupName);
+    return refuseChange("SCardIntroduceReaderGroup", szGroupName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardForgetReaderGroupA(SCARDCONTEXT hContext, LPCSTR szGroupName)
 {
-    return refuseChange("SCardForgetReaderGroupA", szGroupName);
+    return refuseChange("SCardForgetReaderGroup", szGroupName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardForgetReaderGroupW(SCARDCONTEXT hContext, LPCWSTR szGroupName)
 {
-    return refuseChange("SCardForgetReaderGroupW", szGroupName);
+    return refuseChange("SCardForgetReaderGroup", szGroupName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardIntroduceReaderA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPCSTR szDeviceName)
 {
-    return refuseChange("SCardIntroduceReaderA", szReaderName, szDeviceName);
+    return refuseChange("SCardIntroduceReader", szReaderName, szDeviceName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardIntroduceReaderW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPCWSTR szDeviceName)
 {
-    return refuseChange("SCardIntroduceReaderW", szReaderName, szDeviceName);
+    return refuseChange("SCardIntroduceReader", szReaderName, szDeviceName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardForgetReaderA(SCARDCONTEXT hContext, LPCSTR szReaderName)
 {
-    return refuseChange("SCardForgetReaderA", szReaderName);
+    return refuseChange("SCardForgetReader", szReaderName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardForgetReaderW(SCARDCONTEXT hContext, LPCWSTR szReaderName)
 {
-    return refuseChange("SCardForgetReaderW", szReaderName);
+    return refuseChange("SCardForgetReader", szReaderName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardAddReaderToGroupA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPCSTR szGroupName)
 {
-    return refuseChange("SCardAddReaderToGroupA", szReaderName, szGroupName);
+    return refuseChange("SCardAddReaderToGroup", szReaderName, szGroupName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardAddReaderToGroupW(SCARDCONTEXT hContext, LPCWSTR szReaderName, LPCWSTR szGroupName)
 {
-    return refuseChange("SCardAddReaderToGroupW", szReaderName, szGroupName);
+    return refuseChange("SCardAddReaderToGroup", szReaderName, szGroupName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardRemoveReaderFromGroupA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPCSTR szGroupName)
 {
-    return refuseChange("SCardRemoveReaderFromGroupA", szReaderName, szGroupName);
+    return refuseChange("SCardRemoveReaderFromGroup", szReaderName, szGroupName);
 }
 
 TESSEL_EXPORT LONG WINAPI SCardRemoveReaderFromGroupW(SCARDCONTEXT hContext, LPCWSTR szReaderName,
                                                       LPCWSTR szGroupName)
 {
-    return refuseChange("SCardRemoveReaderFromGroupW", szReaderName, szGroupName);
+    return refuseChange("SCardRemoveReaderFromGroup", szReaderName, szGroupName);
 }
 
 }  // extern "C"

@@ -22,8 +22,8 @@
 #include "diag/trace_log.h"
 #include "platform/global_order.h"
 #include "pcsc/registry_testing.h"
-#include "platform/clock.h"
 #include "platform/environment.h"
+#include "platform/signal.h"
 #include "platform/thread.h"
 #include "platform/timer_resolution.h"
 #include "pcsc/lookups.h"
@@ -38,19 +38,30 @@ namespace {
 
 const char kRackDescription[] = "Smart Card Rack";
 const char kBanner[] = "QuorvaneTesselRack driver: 1.2.3\r\n";
+// How long a wait for the discovery threads sleeps at most before it tests
+// again; the end of each thread wakes it before that.
+constexpr uint32_t kDiscoveryRecheckMs = 60000;
 // FT_DEVICE_LIST_INFO_NODE::Flags: the device is open, here or in another
 // process.
 constexpr uint32_t kDeviceOpened = 1;
 
-// Discovery threads still running; the stop path waits for them.
+// Discovery threads still running; the stop path waits for them. Each
+// end is told through the card events, on which every wait for the racks
+// sleeps: whether they are settled depends on it (allRacksEnumerated).
 std::atomic<int> g_discoveriesRunning{0};
+
+void discoveryEnded()
+{
+    g_discoveriesRunning.fetch_sub(1, std::memory_order_acq_rel);
+    cardEvents().notify();
+}
 
 void runDiscoveryThread()
 {
     platform::raiseTimerResolution();
     startLoadLog();
     discoveryThread(nullptr);
-    g_discoveriesRunning.fetch_sub(1, std::memory_order_acq_rel);
+    discoveryEnded();
 }
 
 }  // namespace
@@ -61,7 +72,9 @@ extern "C" void WINAPI KickOff(void)
 {
     setLoadBanner(kBanner);
     g_discoveriesRunning.fetch_add(1, std::memory_order_acq_rel);
-    if (!platform::startDetachedThread(runDiscoveryThread)) g_discoveriesRunning.fetch_sub(1);
+    // The notify takes a lock only if a thread waits, and then only the
+    // platform's own.
+    if (!platform::startDetachedThread(runDiscoveryThread)) discoveryEnded();
 }
 
 extern "C" void WINAPI CloseConnections(void)
@@ -240,7 +253,10 @@ bool allRacksEnumerated()
 
 void waitForDiscoveryThreads()
 {
-    while (g_discoveriesRunning.load(std::memory_order_acquire) != 0) platform::pauseMs(1);
+    // A discovery ends after one search, however long the racks take.
+    const auto noneRunning = [] { return g_discoveriesRunning.load(std::memory_order_acquire) == 0; };
+    while (!cardEvents().waitFor(noneRunning, platform::Signal::deadlineIn(kDiscoveryRecheckMs))) {
+    }
 }
 
 namespace registry_testing {

@@ -17,6 +17,7 @@
 
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/api_text.h"
 #include "pcsc/connection_table.h"
 #include "pcsc/lookups.h"
 #include "pcsc/registry.h"
@@ -44,12 +45,7 @@ constexpr char kPnpName[] = "\\\\?PnP?\\Notification";
 template <typename Char>
 bool isPnpName(const Char* name)
 {
-    auto lower = [](unsigned c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; };
-    size_t i = 0;
-    for (; kPnpName[i] != '\0'; ++i)
-        if (name[i] == 0 || lower(static_cast<unsigned>(name[i])) != lower(static_cast<unsigned char>(kPnpName[i])))
-            return false;
-    return name[i] == 0;
+    return sameIgnoringCase(name, std::char_traits<Char>::length(name), kPnpName);
 }
 
 // The readers a listing would name: every available reader of every rack.
@@ -84,8 +80,8 @@ bool refreshPnpRecord(Record& record, DWORD countAtStart)
     return changed;
 }
 
-// What differs between the narrow and the wide form: the record type, the
-// lookups by name and the traces.
+// What differs between the narrow and the wide form: the record type and
+// the traces.
 template <typename Record>
 struct StatusChangeForm;
 
@@ -94,7 +90,6 @@ struct StatusChangeForm<SCARD_READERSTATEA> {
     static constexpr const char* entry = "SCardGetStatusChangeA\n";
     static constexpr bool tracesNames = true;
 
-    static RackReader find(const char* name) { return findReaderByName(name); }
     static void traceName(std::vector<std::string>& trace, const char* name) { trace.push_back(std::string(name) + "\n"); }
 };
 
@@ -103,7 +98,6 @@ struct StatusChangeForm<SCARD_READERSTATEW> {
     static constexpr const char* entry = "SCardGetStatusChangeW\n";
     static constexpr bool tracesNames = false;
 
-    static RackReader find(const wchar_t* name) { return findReaderByWideName(name); }
     static void traceName(std::vector<std::string>&, const wchar_t*) {}
 };
 
@@ -197,7 +191,7 @@ LONG getStatusChange(SCARDCONTEXT context, DWORD dwTimeout, Record* records, DWO
         }
         Form::traceName(namesTrace, records[i].szReader);
         if (isPnpName(records[i].szReader)) continue;
-        readers[i] = Form::find(records[i].szReader).reader;
+        readers[i] = findReaderByName(records[i].szReader).reader;
         if (readers[i] == nullptr) {
             if (Form::tracesNames) namesTrace.push_back("Reader doesn't exist");
             logWriteAll(namesTrace);

@@ -45,6 +45,20 @@ public:
     static Deadline earlier(Deadline a, Deadline b) { return a.realUs < b.realUs ? a : b; }
     bool waitUntil(uint32_t seen, Deadline deadline);
 
+    // Waits until `holds()` is true or the deadline has passed, with the
+    // generation read before each test; true if the condition holds. For
+    // every condition that the notifiers of this signal can change.
+    template <typename Condition>
+    bool waitFor(Condition holds, Deadline deadline)
+    {
+        for (;;) {
+            const uint32_t seen = generation();
+            if (holds()) return true;
+            if (reached(deadline)) return false;
+            waitUntil(seen, deadline);
+        }
+    }
+
 private:
     // Blocks while the generation is `seen`, until notified or the real
     // deadline (the system's monotonic clock, in microseconds).

@@ -1,17 +1,14 @@
-// The D2XX functions of the shared library: FTDI's libftd2xx.so is opened
-// by name at run time, the first time the library calls into it, and each
-// call goes on to the function of that name there. A machine without it
-// loads the library all the same and finds no racks, as a Windows machine
-// without FTD2XX.dll would find none; the rack emulator stands in for it
-// under the same name. Test programs link the emulator instead and do not
-// use this file.
-#include <dlfcn.h>
-
+// The D2XX functions of the shared library: each call goes on to the
+// function of that name in FTDI's libftd2xx.so, which is found the first
+// time the library calls into it, by the one lookup of the D2XX library
+// (d2xx_lookup.cpp). A machine without it loads the library all the same
+// and finds no racks, as a Windows machine without FTD2XX.dll would find
+// none; the rack emulator stands in for it under the same name. Test
+// programs link the emulator instead and do not use this file.
 #include "platform/d2xx.h"
+#include "platform/d2xx_lookup.h"
 
 namespace {
-
-constexpr const char* kD2xxLibrary = "libftd2xx.so";
 
 struct D2xxFunctions {
     decltype(&FT_Close) close = nullptr;
@@ -27,28 +24,24 @@ struct D2xxFunctions {
 };
 
 template <typename Function>
-void find(void* module, const char* name, Function& function)
+void find(const char* name, Function& function)
 {
-    function = reinterpret_cast<Function>(dlsym(module, name));
+    function = reinterpret_cast<Function>(platform::os::findD2xxFunction(name));
 }
 
 D2xxFunctions load()
 {
     D2xxFunctions functions;
-    // Kept open for the life of the process: the rack threads may still
-    // be in a D2XX call when the library is unloaded.
-    void* module = dlopen(kD2xxLibrary, RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) return functions;
-    find(module, "FT_Close", functions.close);
-    find(module, "FT_Read", functions.read);
-    find(module, "FT_Write", functions.write);
-    find(module, "FT_SetBaudRate", functions.setBaudRate);
-    find(module, "FT_SetDataCharacteristics", functions.setDataCharacteristics);
-    find(module, "FT_GetQueueStatus", functions.getQueueStatus);
-    find(module, "FT_OpenEx", functions.openEx);
-    find(module, "FT_ListDevices", functions.listDevices);
-    find(module, "FT_CreateDeviceInfoList", functions.createDeviceInfoList);
-    find(module, "FT_GetDeviceInfoList", functions.getDeviceInfoList);
+    find("FT_Close", functions.close);
+    find("FT_Read", functions.read);
+    find("FT_Write", functions.write);
+    find("FT_SetBaudRate", functions.setBaudRate);
+    find("FT_SetDataCharacteristics", functions.setDataCharacteristics);
+    find("FT_GetQueueStatus", functions.getQueueStatus);
+    find("FT_OpenEx", functions.openEx);
+    find("FT_ListDevices", functions.listDevices);
+    find("FT_CreateDeviceInfoList", functions.createDeviceInfoList);
+    find("FT_GetDeviceInfoList", functions.getDeviceInfoList);
     return functions;
 }
 

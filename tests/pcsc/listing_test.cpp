@@ -175,6 +175,47 @@ TEST_F(ListingTest, WithoutReadersEveryFormAnswersNoReadersWithSizeOne)
     EXPECT_EQ(logText(), "SCardListReadersW\nwide len is 1\nSCARD_E_NO_READERS_AVAILABLE\nreached end of Wlistreaders 1\n");
 }
 
+// A name from a wide call finds its reader in every wide call, also where
+// the rack's serial number has a byte past 7-bit ASCII: each byte widens to
+// the character of its number, never by its sign.
+TEST_F(ListingTest, WideNamesWidenEachByteByItsNumberAndFindTheirReader)
+{
+    const int device = addRack("C\xE9", 1);
+    insertCard(device, 1, {0x3B, 0x80, 0x01});
+    startLibrary(1);
+    const std::wstring name = L"Tessel C\u00e9 R1";
+
+    Guarded<WCHAR> listing(64);
+    DWORD size = 64;
+    ASSERT_EQ(SCardListReadersW(testContext(), nullptr, listing.data(), &size), SCARD_S_SUCCESS);
+    EXPECT_EQ(std::wstring(listing.data(), size), name + L'\0' + L'\0');
+
+    SCARD_READERSTATEW state{};
+    state.szReader = listing.data();
+    state.dwCurrentState = SCARD_STATE_UNAWARE;
+    EXPECT_EQ(SCardGetStatusChangeW(testContext(), 0, &state, 1), SCARD_S_SUCCESS);
+    EXPECT_NE(state.dwEventState & SCARD_STATE_PRESENT, 0u);
+
+    SCARDHANDLE handle = 0;
+    DWORD active = 0;
+    ASSERT_EQ(SCardConnectW(testContext(), listing.data(), SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle, &active),
+              SCARD_S_SUCCESS);
+    Guarded<WCHAR> status(64);
+    size = 64;
+    EXPECT_EQ(SCardStatusW(handle, status.data(), &size, nullptr, nullptr, nullptr, nullptr), SCARD_S_SUCCESS);
+    EXPECT_EQ(std::wstring(status.data()), name);
+    EXPECT_EQ(SCardDisconnect(handle, SCARD_LEAVE_CARD), SCARD_S_SUCCESS);
+
+    // The narrow name is the serial's own bytes; a wide name with a
+    // character past one byte names no reader.
+    EXPECT_EQ(SCardConnectA(testContext(), "Tessel C\xE9 R1", SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle, &active),
+              SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardDisconnect(handle, SCARD_LEAVE_CARD), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardConnectW(testContext(), L"Tessel C\u01e9 R1", SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1, &handle,
+                            &active),
+              SCARD_E_READER_UNAVAILABLE);
+}
+
 // The one implementation of the buffer rules that every call above and
 // the status query, the attributes and the groups use, row by row: how the
 // host offers its buffer, what a short one receives, and what comes back.

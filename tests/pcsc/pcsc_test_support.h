@@ -27,7 +27,13 @@ inline std::string readerName(const std::string& serial, int address)
     return "Tessel " + serial + " R" + std::to_string(address);
 }
 
-inline std::wstring widen(const std::string& text) { return std::wstring(text.begin(), text.end()); }
+// Each byte as the character of its number.
+inline std::wstring widen(const std::string& text)
+{
+    std::wstring wide;
+    for (unsigned char c : text) wide.push_back(static_cast<wchar_t>(c));
+    return wide;
+}
 
 // A buffer of `size` elements followed by guard elements; every element
 // starts as `fill`, so a write past the end shows in guardIntact().

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/signal.h"
 #include "platform/test_seam.h"
 
 #include "reader/atr.h"
@@ -189,6 +190,53 @@ TEST(ReaderMailbox, OutgoingPayloadIsWrappedIntoAFrameToTheSlot)
     std::wstring wide;
     reader.wideName(wide);
     EXPECT_EQ(wide, L"Tessel SER R5");
+}
+
+// The wait that every wait for the racks goes through: a notify that falls
+// between the waiter's test and its sleep still ends the sleep (the
+// injected row makes the condition true and notifies from inside the
+// test, after the waiter has seen it false), and a condition that never
+// holds ends at the deadline. A lost wake-up would hold its row to the
+// hour's deadline, past the suite's time-out; nothing here is timed.
+TEST(Signal, WaitForMissesNoWakeUpBetweenItsTestAndItsSleep)
+{
+    enum class Change { holdsAtOnce, never, betweenTestAndSleep, fromAnotherThread };
+    const struct {
+        Change change;
+        uint32_t limitMs;
+        bool holds;
+    } rows[] = {
+        {Change::holdsAtOnce, 0, true},
+        {Change::never, 20, false},
+        {Change::betweenTestAndSleep, 3600000, true},
+        {Change::fromAnotherThread, 3600000, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(static_cast<int>(row.change));
+        platform::Signal signal;
+        std::atomic<bool> done{row.change == Change::holdsAtOnce};
+        int tests = 0;
+        std::thread notifier;
+        const bool held = signal.waitFor(
+            [&] {
+                ++tests;
+                if (done.load()) return true;
+                if (tests == 1 && row.change == Change::betweenTestAndSleep) {
+                    done = true;
+                    signal.notify();
+                }
+                if (tests == 1 && row.change == Change::fromAnotherThread)
+                    notifier = std::thread([&] {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                        done = true;
+                        signal.notify();
+                    });
+                return false;
+            },
+            platform::Signal::deadlineIn(row.limitMs));
+        if (notifier.joinable()) notifier.join();
+        EXPECT_EQ(held, row.holds);
+    }
 }
 
 }  // namespace
