@@ -15,8 +15,7 @@
 #include "link/rack.h"
 #include "link/rack_frame.h"
 #include "link/slot_waits.h"
-#include "platform/clock.h"
-#include "reader/mailbox.h"
+#include "platform/signal.h"
 #include "reader/reader.h"
 
 namespace {
