@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     // A status message carries at most 255 bytes; the ATR keeps 32.
     if (size > 255) return 0;
-    g_reader->protocolMask.store(0);
+    g_reader->setProtocolMask(0);
     g_reader->cardInserted(Atr(data, static_cast<uint32_t>(size)));
 
     const OfferedProtocols offered = offeredProtocols(g_reader->atrValue());

@@ -25,7 +25,7 @@
 #include "fuzz_support.h"
 #include "link/rack.h"
 #include "platform/clock.h"
-#include "reader/status_worker.h"
+#include "link/status_worker.h"
 
 namespace {
 
@@ -85,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         rack.stopWorkers();
         // The loop's own start, on this run's clock.
         Run run{rack, platform::wallClockMs(), late ? kLateMs : kPollMs};
-        rack.assembler.linkSeen(run.now);
+        rack.startReceiving(run.now);
         if (broughtUp) {
             // The start of the rack's life as discovery drives it: the
             // enumerate frame, the master's slot map, the status of each
@@ -115,7 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (state != kStateNoCard && state != kStateCard && state != kStateMuteCard) __builtin_trap();
             if (rack.readers()[i]->atrLength() > Atr::capacity) __builtin_trap();
         }
-        if (rack.assembler.heldCount() > FrameAssembler::capacity) __builtin_trap();
+        if (rack.heldBytes() > FrameAssembler::capacity) __builtin_trap();
     }
     return 0;
 }

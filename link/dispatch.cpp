@@ -19,7 +19,8 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
     uint32_t address = frame[1];
     uint8_t status = frameStatus(frame);
 
-    bool releasedByHolder = unlockIfHeldBy(address);
+    // Any frame of the slot that holds the rack lock frees it.
+    bool releasedByHolder = releaseLock(readerByAddress(address));
     logWrite("Smart card rack " + serial + " reader " + decimalText(address) + " RX - " +
              tracedBytes(TracedBytes::frame, frame, static_cast<int32_t>(size)) + "\n");
 
@@ -46,9 +47,9 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
         // An acknowledge from any slot frees the bus, even if another slot
         // holds the lock. One from an address without a reader frees it too
         // (the bus is free whoever answered), but marks no reader.
-        if (reader != nullptr) reader->blocked.store(1, std::memory_order_release);
+        if (reader != nullptr) reader->setBlocked(true);
         logWrite("Unlocking rack\n");
-        if (!releasedByHolder) unlock();
+        if (!releasedByHolder) freeBus();
         return;
     }
 
@@ -56,10 +57,15 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
     // otherwise dropped: it belongs to no mailbox.
     if (reader == nullptr) return;
 
-    reader->blocked.store(0, std::memory_order_release);
+    reader->setBlocked(false);
     if (lockHolder_.load() == reader) logWrite("ACK missed by " + reader->name + "\n");
     logWrite(reader->name + ": unlocked\n");
-    forwardToReader(reader, frame, size, Direction::fromReader);
+    deliverToReader(reader, frame, size);
+}
+
+void Rack::deliverToReader(Reader* reader, const uint8_t* frame, uint32_t size)
+{
+    reader->putIncoming(frame, size, frameTellsOfLostCard(frame, size));
 }
 
 void Rack::handleEnumerationReply(const uint8_t* frame)

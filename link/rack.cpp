@@ -2,15 +2,15 @@
 
 #include "diag/text.h"
 #include "diag/trace_log.h"
+#include "link/status_worker.h"
 #include "platform/clock.h"
 #include "reader/reader.h"
-#include "reader/status_worker.h"
 
 Rack::Rack(const char* serialNumber)
 {
     serial = serialNumber ? serialNumber : "";
     FT_STATUS status = open(serial.c_str());
-    if (status != FT_OK) throw static_cast<int32_t>(status);
+    if (status != FT_OK) throw RackOpenError(status);
     workers_[0].start([this] { runStatusWorker(*this); });
     workers_[1].start([this] { receiveLoop(); });
     logWrite("Rack " + serial + " connected\n");
@@ -165,8 +165,8 @@ void Rack::comeBack()
     FT_SetBaudRate(ftHandle, 115200);
     FT_SetDataCharacteristics(ftHandle, 8, 0, 0);
     setUpFastLink();
-    assembler.restart();
-    assembler.linkSeen(platform::wallClockMs());
+    assembler_.restart();
+    assembler_.linkSeen(platform::wallClockMs());
     statusCount_.store(0, std::memory_order_release);
     enumerated_.store(0, std::memory_order_release);
     logWrite("Rack " + serial + " back\n");
@@ -196,7 +196,7 @@ void Rack::sendReset()
         sendQueue_.clear();
     }
     lockHolder_.store(nullptr);
-    for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->blocked.store(0, std::memory_order_release);
+    for (size_t i = 0, n = readers_.size(); i < n; ++i) readers_[i]->setBlocked(false);
     cardEvents().notify();
     logWrite("ResettingRack: " + tracedBytes(TracedBytes::frame, RackFrame::resetFrame, 5) + "\n");
     writeMasterFrame(RackFrame::resetFrame);

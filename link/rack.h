@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "link/frame_assembler.h"
@@ -22,11 +23,21 @@
 
 class Reader;
 
+// A rack whose device did not open: the D2XX status of the open. No worker
+// thread has been started then.
+class RackOpenError : public std::runtime_error {
+public:
+    explicit RackOpenError(FT_STATUS status) : std::runtime_error("rack device did not open"), status_(status) {}
+    FT_STATUS status() const { return status_; }
+
+private:
+    FT_STATUS status_;
+};
+
 class Rack {
 public:
     // Opens the device with this serial number and starts both workers.
-    // If the device does not open, throws the FT status as int32_t; no
-    // thread has been started then.
+    // Throws RackOpenError if the device does not open.
     explicit Rack(const char* serialNumber);
     // Stops the workers and frees the readers. The library itself never
     // destroys a rack; this is the stop path for an unload that the
@@ -35,8 +46,7 @@ public:
     Rack(const Rack&) = delete;
     Rack& operator=(const Rack&) = delete;
 
-    // Device link and the frames to the master.
-    FT_STATUS open(const char* serialNumber);
+    // Closes the device link (unload).
     FT_STATUS close();
 
     // Loss and return of the device. Every D2XX status of the link goes
@@ -50,7 +60,6 @@ public:
     // then closes the link, traces "Rack <serial> lost" once, and makes
     // every reader unavailable (Reader::markUnavailable).
     static constexpr uint32_t kLinkFailuresForLoss = 3;
-    void noteLinkStatus(FT_STATUS status);
     bool lost() const { return lost_.load(std::memory_order_acquire); }
     // True once the rack has been lost at least once, or its first bring-up
     // was given up: waits for the first bring-up no longer count it.
@@ -75,32 +84,40 @@ public:
     static constexpr uint32_t kBringUpLimitMs = 10000;
     bool bringUpOverdue(uint32_t nowTick) const;
     void giveUpBringUp();
+    // The status thread's part of the bring-up: it counts one status per
+    // reader (countStatus returns the count including this one; only the
+    // status thread counts) and, once all have answered, sends the
+    // status-collected frame.
+    uint32_t countStatus();
     void finishEnumeration();
-
-    // Receive reassembly: the loop pauses 5 ms before each pass.
-    void receiveLoop();
-    // One pass at `nowMs` (wall clock): the queue status, the give-up test,
-    // the read and the parse. Returns the bytes the device reported waiting.
-    uint32_t receivePass(int64_t nowMs);
-    void receiveBytes(uint32_t waiting);
-
-    // Frame dispatch and enumeration.
-    void handleFrame(const uint8_t* frame, uint32_t size);
-    void handleEnumerationReply(const uint8_t* frame);
-    void addReader(uint32_t address);
-    void pollReaders();
     // Statuses the bring-up collects: one per slot of the latest slot map.
     uint32_t expectedStatuses() const { return expectedStatuses_.load(std::memory_order_acquire); }
+    uint32_t statusCount() const { return statusCount_.load(std::memory_order_acquire); }
 
-    // Send queue and rack lock.
-    enum class Direction { toReader, fromReader };
-    void enqueue(Reader* reader) EXCLUDES(sendQueueGuard_);
-    void trySendNext() EXCLUDES(sendQueueGuard_, sendMutex_);
-    void unlock();
-    bool unlockIfHeldBy(uint32_t address);
-    // Frees the lock only if `reader` holds it for the frame that was its
-    // latest when `framesSentThen` was read: never for a newer frame.
-    bool unlockIfHeldFor(Reader* reader, uint32_t framesSentThen) EXCLUDES(sendQueueGuard_);
+    // The receive thread's work, one pass at a time (the thread pauses 5 ms
+    // before each): startReceiving marks the link seen at the loop's start;
+    // receivePass at `nowMs` (wall clock) looks at the queue, tests the
+    // give-up, reads and parses, and returns the bytes the device reported
+    // waiting. Bytes held of a frame not yet whole: heldBytes.
+    void startReceiving(int64_t nowMs);
+    uint32_t receivePass(int64_t nowMs);
+    uint32_t heldBytes() const { return assembler_.heldCount(); }
+
+    // Send queue and rack lock. A frame to a slot waits for its turn in the
+    // queue; the rack lock names the reader whose frame is on the bus.
+    void selectProtocol(Reader* reader);
+    void requestStatus(Reader* reader);
+    // A card command (at most 255 bytes) to the slot.
+    void sendCommand(Reader* reader, const uint8_t* bytes, uint32_t count);
+    // The release of the rack lock by its holder: frees it only if `reader`
+    // holds it, and, given `framesSentThen`, only for the frame that was the
+    // reader's latest when that count was read, never for a newer one.
+    // Traces "Checking", and "match" when it frees the lock.
+    bool releaseLock(Reader* reader) EXCLUDES(sendQueueGuard_) { return releaseLockOf(reader, false, 0); }
+    bool releaseLock(Reader* reader, uint32_t framesSentThen) EXCLUDES(sendQueueGuard_)
+    {
+        return releaseLockOf(reader, true, framesSentThen);
+    }
     bool isLocked() const { return lockHolder_.load() != nullptr; }
     // The reader whose frame holds the bus, or null.
     Reader* lockHolder() const { return lockHolder_.load(); }
@@ -109,9 +126,6 @@ public:
     // Takes every turn of `reader` out of the send queue: its caller gave
     // up waiting, and the frame must not go out behind its back.
     void withdrawTurns(Reader* reader) EXCLUDES(sendQueueGuard_);
-    void selectProtocol(Reader* reader);
-    void requestStatus(Reader* reader);
-    void forwardToReader(Reader* reader, const uint8_t* bytes, uint32_t count, Direction direction);
 
     // The readers, in the order of the slot map; the list only grows. A
     // reader stays in it after its slot has gone (unavailable), and the
@@ -123,22 +137,43 @@ public:
     bool connected() const { return connected_.load(std::memory_order_acquire) != 0; }
     bool enumerated() const { return enumerated_.load(std::memory_order_acquire) != 0; }
 
-    // Statuses collected during enumeration. Only the status thread counts;
-    // countStatus returns the count including this one.
-    uint32_t statusCount() const { return statusCount_.load(std::memory_order_acquire); }
-    uint32_t countStatus();
-
     // Stop path: ends both worker loops and waits for them. Safe to call
     // more than once.
     void stopWorkers();
     bool stopping() const { return stopRequested_.load(std::memory_order_acquire); }
 
+private:
+    // Device link.
+    FT_STATUS open(const char* serialNumber);
+    void noteLinkStatus(FT_STATUS status);
+
+    // Receive reassembly and frame dispatch, on the receive thread.
+    void receiveLoop();
+    void receiveBytes(uint32_t waiting);
+    void handleFrame(const uint8_t* frame, uint32_t size);
+    void handleEnumerationReply(const uint8_t* frame);
+    void addReader(uint32_t address);
+    void pollReaders();
+    // A frame from a slot into its reader's incoming mailbox.
+    void deliverToReader(Reader* reader, const uint8_t* frame, uint32_t size);
+
+    // Send queue: a payload (command byte first, 1 to 256 bytes) framed
+    // into the reader's outgoing mailbox; the reader's turn in the queue;
+    // the write of its frame when the turn comes.
+    void putPayload(Reader* reader, const uint8_t* payload, uint32_t count);
+    void enqueue(Reader* reader) EXCLUDES(sendQueueGuard_);
+    void trySendNext() EXCLUDES(sendQueueGuard_, sendMutex_);
+    FT_STATUS writeFrameOf(Reader* reader);
+    // Frees the bus whoever holds it: an acknowledge from any slot does.
+    void freeBus();
+    // The one path of both releaseLock forms.
+    bool releaseLockOf(Reader* reader, bool onlyForFrame, uint32_t framesSentThen) EXCLUDES(sendQueueGuard_);
+
     // The receive thread's alone: the bytes held, the size of the frame at
     // their head and the last time the link was seen with bytes waiting.
-    FrameAssembler assembler{[this](const uint8_t* frame, uint32_t size) { handleFrame(frame, size); }};
+    FrameAssembler assembler_{[this](const uint8_t* frame, uint32_t size) { handleFrame(frame, size); }};
     FT_HANDLE ftHandle = nullptr;
 
-private:
     // The receive thread's side of loss and return.
     void loseLink(const char* why = "lost");
     void comeBack();

@@ -6,6 +6,13 @@ const uint8_t RackFrame::resetFrame[5] = {0x55, 0x00, 0x00, 0xF0, 0xBB};
 const uint8_t RackFrame::enumerateFrame[5] = {0x55, 0x00, 0x00, 0xC1, 0xEA};
 const uint8_t RackFrame::statusCollectedFrame[5] = {0x55, 0x00, 0x00, 0xC2, 0xE9};
 
+bool frameTellsOfLostCard(const uint8_t* frame, uint32_t size)
+{
+    if (size <= 3 || frame[3] == RackFrame::extendedMarker) return false;
+    const uint8_t status = frameStatus(frame);
+    return status == RackFrame::statusNoCard || status == RackFrame::statusMute;
+}
+
 uint8_t frameChecksum(const uint8_t* bytes, uint32_t count)
 {
     uint32_t sum = 0;

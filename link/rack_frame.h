@@ -26,6 +26,10 @@ struct RackFrame {
     static constexpr uint8_t commandStatusCollected = 0xC2;
     static constexpr uint8_t commandReset = 0xF0;
 
+    // Statuses, reader to host.
+    static constexpr uint8_t statusNoCard = 1;
+    static constexpr uint8_t statusMute = 3;
+
     // Frames from the master.
     static constexpr uint8_t masterEnumerationReply = 0xC5;
     static constexpr uint8_t masterEnumerationComplete = 0xC2;
@@ -38,6 +42,12 @@ struct RackFrame {
 
 // The low five bits of byte 3 of a frame from a reader.
 inline uint8_t frameStatus(const uint8_t* frame) { return frame[3] & 0x1F; }
+
+// A frame of status 1 (no card) or 3 (mute) is what a slot sends when its
+// card has left or stopped answering; it carries no answer. An extended
+// frame (an answer) never tells of that, nor does a frame too short to
+// hold a status.
+bool frameTellsOfLostCard(const uint8_t* frame, uint32_t size);
 
 // The checksum byte over `count` bytes; 0x00 for a count of 0.
 uint8_t frameChecksum(const uint8_t* bytes, uint32_t count);

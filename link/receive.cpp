@@ -16,9 +16,11 @@ constexpr uint32_t kLostPauseMs = 100;
 
 }  // namespace
 
+void Rack::startReceiving(int64_t nowMs) { assembler_.linkSeen(nowMs); }
+
 void Rack::receiveLoop()
 {
-    assembler.linkSeen(platform::wallClockMs());
+    startReceiving(platform::wallClockMs());
     while (!stopping()) {
         if (lost()) {
             if (reopenWanted_.exchange(false, std::memory_order_acq_rel))
@@ -46,9 +48,9 @@ uint32_t Rack::receivePass(int64_t nowMs)
     const FT_STATUS status = FT_GetQueueStatus(ftHandle, &waiting);
     noteLinkStatus(status);
     if (status != FT_OK) waiting = 0;
-    if (assembler.shouldGiveUp(nowMs, waiting)) assembler.giveUp();
+    if (assembler_.shouldGiveUp(nowMs, waiting)) assembler_.giveUp();
     if (waiting > 0) {
-        assembler.linkSeen(nowMs);
+        assembler_.linkSeen(nowMs);
         receiveBytes(waiting);
     }
     return waiting;
@@ -56,7 +58,7 @@ uint32_t Rack::receivePass(int64_t nowMs)
 
 void Rack::receiveBytes(uint32_t waiting)
 {
-    uint32_t wanted = assembler.bytesToRead(waiting);
+    uint32_t wanted = assembler_.bytesToRead(waiting);
     if (wanted > 0) {
         uint8_t chunk[FrameAssembler::largestRead] = {};
         uint32_t got = 0;
@@ -64,9 +66,9 @@ void Rack::receiveBytes(uint32_t waiting)
         noteLinkStatus(status);
         if (status != FT_OK) got = 0;
         if (got > wanted) got = wanted;  // never trust a count beyond the request
-        assembler.append(chunk, got);
-        logWrite("Received " + decimalText(assembler.heldCount()) + " bytes from rack " + serial + ": " +
-                 tracedBytes(TracedBytes::frame, assembler.held(), static_cast<int32_t>(assembler.heldCount())) + "\n");
+        assembler_.append(chunk, got);
+        logWrite("Received " + decimalText(assembler_.heldCount()) + " bytes from rack " + serial + ": " +
+                 tracedBytes(TracedBytes::frame, assembler_.held(), static_cast<int32_t>(assembler_.heldCount())) + "\n");
     }
-    assembler.parse();
+    assembler_.parse();
 }

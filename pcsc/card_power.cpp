@@ -3,8 +3,7 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
-#include "platform/signal.h"
-#include "reader/mailbox.h"
+#include "link/slot_waits.h"
 #include "reader/reader.h"
 
 namespace {
@@ -12,45 +11,6 @@ namespace {
 // The slot's answer to a protocol selection is bounded by this, counted
 // from the moment the selection went out.
 constexpr uint32_t kReplyWaitMs = 17000;
-// How long the selection may wait for the bus, as a command's does.
-constexpr uint32_t kSendWaitMs = 120000;
-
-// Waits until the selection has been written to the link. A selection that
-// gave up while it still stood in the send queue would go out later, take
-// the bus and, from a silent slot, keep it for good.
-// A write that failed, or a reader that went unavailable, ends it at once.
-bool waitForSent(Reader& reader, uint32_t failuresBefore)
-{
-    const platform::Signal::Deadline limit = platform::Signal::deadlineIn(kSendWaitMs);
-    for (;;) {
-        const uint32_t seen = reader.activity.generation();
-        if (reader.hasSent() != 0) return true;
-        if (reader.sendFailures() != failuresBefore || !reader.available()) return false;
-        if (!reader.activity.waitUntil(seen, limit)) return reader.hasSent() != 0;
-    }
-}
-
-// Waits for a frame from the slot that came after the frame numbered
-// `ourFrame` took the bus. Every incoming frame carries the slot's count of
-// frames sent at its arrival, so one stored before our frame went out is an
-// answer to something earlier: it is taken, forgotten and waited past.
-bool waitForAnswerTo(Reader& reader, uint32_t ourFrame)
-{
-    const platform::Signal::Deadline limit = platform::Signal::deadlineIn(kReplyWaitMs);
-    for (;;) {
-        const uint32_t seen = reader.activity.generation();
-        if (!reader.available()) return false;
-        if (reader.mailboxFull(false, true) != 0) {
-            uint8_t frame[Mailbox::capacity];
-            uint32_t sentWhenStored = 0;
-            reader.readMailbox(false, frame, &sentWhenStored, Mailbox::Taker::exchange);
-            if (static_cast<int32_t>(sentWhenStored - ourFrame) >= 0) return true;
-            logWrite(reader.name + " stale answer passed over\n");
-            continue;
-        }
-        if (!reader.activity.waitUntil(seen, limit)) return reader.mailboxFull(false, true) != 0;
-    }
-}
 
 }  // namespace
 
@@ -66,13 +26,24 @@ bool powerCard(Rack& rack, Reader& reader, uint32_t activeProtocol)
     reader.setProtocol(tNumber);
     // The turn keeps every other host call off this slot, so the next frame
     // the slot is given the bus for is ours.
-    const uint32_t ourFrame = reader.framesSent.load(std::memory_order_acquire) + 1;
+    ReplyWatch watch;
+    watch.limit = ReplyLimit::milliseconds(kReplyWaitMs);
+    watch.onlyAnswerTo = true;
+    watch.ourFrame = reader.framesSent() + 1;
     const uint32_t failuresBefore = reader.sendFailures();
     rack.selectProtocol(&reader);
-    const bool answered = waitForSent(reader, failuresBefore) && waitForAnswerTo(reader, ourFrame);
+    // A selection that gave up while it still stood in the send queue
+    // would go out later, take the bus and, from a silent slot, keep it for
+    // good: it waits for its write as a command does, without a trace.
+    bool answered = waitForFrameToLeave(reader, failuresBefore, SendWaitTrace::silent);
+    if (answered) {
+        SlotReply reply;
+        waitForSlotReply(reader, watch, reply);
+        answered = reply.outcome == SlotReply::Outcome::arrived;
+    }
     if (!answered) rack.withdrawTurns(&reader);
     if (!answered) logWrite(reader.name + " no answer to the protocol selection\n");
-    rack.unlockIfHeldBy(reader.address);
+    rack.releaseLock(&reader);
     reader.clearIncoming();
     return answered;
 }

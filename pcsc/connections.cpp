@@ -56,7 +56,7 @@ bool chooseProtocol(Reader& reader, DWORD preferred, DWORD& active)
     // An ATR that names no protocol leaves the reader's mask as it was, so
     // a request is then tested against the protocols of an earlier card.
     if (offered.mask != 0) {
-        reader.protocolMask.store(offered.mask, std::memory_order_release);
+        reader.setProtocolMask(offered.mask);
         logWrite("atr says " + decimalText(offered.first) + "\n");
     }
     DWORD wanted = preferred & kBothProtocols;
@@ -68,7 +68,7 @@ bool chooseProtocol(Reader& reader, DWORD preferred, DWORD& active)
         return true;
     }
     if (wanted == 0) return false;
-    const uint32_t mask = reader.protocolMask.load(std::memory_order_acquire);
+    const uint32_t mask = reader.protocolMask();
     if ((mask & wanted) != wanted) return false;
     active = wanted;
     return true;

@@ -86,8 +86,8 @@ Rack* openRack(const char* serialNumber, int32_t* failure)
     Rack* rack = nullptr;
     try {
         rack = new Rack(serialNumber);
-    } catch (int32_t status) {
-        if (failure != nullptr) *failure = status;
+    } catch (const RackOpenError& error) {
+        if (failure != nullptr) *failure = static_cast<int32_t>(error.status());
         return nullptr;  // the device did not open
     }
     if (!rack->connected()) {

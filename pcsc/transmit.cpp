@@ -7,7 +7,7 @@
 #include "pcsc/connection_table.h"
 #include "pcsc/transmit_count.h"
 #include "pcsc/winscard_api.h"
-#include "reader/exchange.h"
+#include "link/exchange.h"
 
 namespace {
 

@@ -4,9 +4,6 @@
 #include <cstring>
 
 #include "diag/text.h"
-#include "diag/trace_log.h"
-#include "link/rack_frame.h"
-#include "platform/clock.h"
 #include "platform/global_order.h"
 
 platform::Signal& cardEvents()
@@ -22,77 +19,50 @@ Reader::Reader(uint32_t address, std::string serial)
 {
 }
 
-void Reader::writeMailbox(bool toOutgoing, const uint8_t* data, uint32_t count)
+void Reader::putOutgoing(const uint8_t* frame, uint32_t size)
 {
-    if (toOutgoing) {
-        hasSent_.store(0, std::memory_order_release);
-        // Room for the largest frame the host sends; a longer payload is cut
-        // rather than written past the buffer.
-        uint8_t work[RackFrame::largestOutgoing] = {};
-        if (count > RackFrame::largestOutgoing - 4) count = RackFrame::largestOutgoing - 4;
-        if (count == 0) return;
-        std::memcpy(work, data, count);
-        uint32_t size = wrapFrame(work, count, static_cast<uint8_t>(address));
-        outgoing.write(work, size);
-        return;
-    }
+    hasSent_.store(0, std::memory_order_release);
+    outgoing_.write(frame, size);
+}
+
+uint32_t Reader::takeOutgoing(uint8_t* destination) { return outgoing_.read(destination); }
+
+void Reader::noteSent()
+{
+    hasSent_.store(1, std::memory_order_release);
+    activity_.notify();
+}
+
+void Reader::noteSendFailed()
+{
+    sendFailures_.fetch_add(1, std::memory_order_acq_rel);
+    activity_.notify();
+}
+
+void Reader::putIncoming(const uint8_t* frame, uint32_t size, bool tellsOfLostCard)
+{
     // The mailbox is one frame deep. A frame that told of a lost card and
     // that the status thread has not taken yet is about to be replaced (a
     // card taken out and put back within one pass of the status thread):
     // it is counted, so that the removal still counts as a card event.
-    if (lastTellsOfLostCard_.load(std::memory_order_relaxed) && incoming.unread.load() != 0)
+    if (lastTellsOfLostCard_.load(std::memory_order_relaxed) && incoming_.unread.load() != 0)
         replacedRemovals_.fetch_add(1, std::memory_order_acq_rel);
-    const bool lostCard = count > 3 && data[3] != RackFrame::extendedMarker &&
-                          (frameStatus(data) == kStatusNoCardByte || frameStatus(data) == kStatusMuteByte);
-    lastTellsOfLostCard_.store(lostCard, std::memory_order_relaxed);
-    incoming.write(data, count, framesSent.load(std::memory_order_acquire));
-    activity.notify();
+    lastTellsOfLostCard_.store(tellsOfLostCard, std::memory_order_relaxed);
+    incoming_.write(frame, size, framesSent_.load(std::memory_order_acquire));
+    activity_.notify();
 }
 
 uint32_t Reader::takeReplacedRemovals() { return replacedRemovals_.exchange(0, std::memory_order_acq_rel); }
 
-uint32_t Reader::readMailbox(bool fromOutgoing, uint8_t* destination, uint32_t* tag, Mailbox::Taker taker,
-                             uint32_t* number)
+uint32_t Reader::takeIncoming(uint8_t* destination, Mailbox::Taker taker, uint32_t* tag, uint32_t* number)
 {
-    return fromOutgoing ? outgoing.read(destination, tag) : incoming.read(destination, tag, taker, number);
-}
-
-uint16_t Reader::mailboxFull(bool ofOutgoing, bool selectArrived) const
-{
-    if (ofOutgoing) return outgoing.flag(false);
-    return incoming.flag(selectArrived);
+    return incoming_.read(destination, tag, taker, number);
 }
 
 uint32_t Reader::wideName(std::wstring& out) const
 {
     out.assign(name.begin(), name.end());
     return 0;
-}
-
-FT_STATUS Reader::send(FT_HANDLE device)
-{
-    uint8_t frame[Mailbox::capacity] = {};
-    uint32_t size = outgoing.read(frame);
-    // Nothing longer than the largest outgoing frame is ever handed to the
-    // device, whatever the mailbox says.
-    if (size > RackFrame::largestOutgoing) size = RackFrame::largestOutgoing;
-
-    int64_t before = platform::calendarSeconds();
-    uint32_t written = 0;
-    FT_STATUS status = FT_Write(device, frame, size, &written);
-    int64_t after = platform::calendarSeconds();
-
-    if (status != FT_OK) {
-        logWrite("FT_Write failed - " + decimalText(static_cast<uint32_t>(status)));
-        sendFailures_.fetch_add(1, std::memory_order_acq_rel);
-        activity.notify();
-        return status;
-    }
-    hasSent_.store(1, std::memory_order_release);
-    activity.notify();
-    logWrite(name + " Tx - " + tracedBytes(TracedBytes::frame, frame, static_cast<int32_t>(size)) + ": " +
-             fixedText(static_cast<double>(after - before)) + "\n");
-    return status;
 }
 
 // Only the frames up to the one that told of the change are forgotten: an
@@ -118,11 +88,11 @@ void Reader::changeCard(const Atr& value, uint32_t state, uint32_t frameNumber)
     // that only repeats what is known (the answer to a protocol selection
     // during a bring-up that never ends) may be.
     if (changed) {
-        if (frameNumber == kAllFrames) clearIncoming(); else incoming.clearArrivedUpTo(frameNumber);
+        if (frameNumber == kAllFrames) clearIncoming(); else incoming_.clearArrivedUpTo(frameNumber);
     }
     cardEvents().notify();
     // An exchange waiting on this slot learns at once that its card went.
-    if (changed) activity.notify();
+    if (changed) activity_.notify();
 }
 
 void Reader::markUnavailable()
@@ -134,16 +104,16 @@ void Reader::markUnavailable()
     // must learn that its reader went.
     eventCount_.fetch_add(1, std::memory_order_acq_rel);
     uint8_t dropped[Mailbox::capacity];
-    outgoing.read(dropped);
-    incoming.read(dropped);
+    outgoing_.read(dropped);
+    incoming_.read(dropped);
     clearIncoming();
     // Runs on the receive thread, whose alone these are: no removal from
     // before the loss is counted after it.
     lastTellsOfLostCard_.store(false, std::memory_order_relaxed);
     replacedRemovals_.store(0, std::memory_order_release);
-    blocked.store(0, std::memory_order_release);
+    blocked_.store(0, std::memory_order_release);
     cardEvents().notify();
-    activity.notify();
+    activity_.notify();
 }
 
 void Reader::markAvailable()
@@ -158,15 +128,15 @@ void Reader::takeTurn()
     // bounds a wait whose wake-up went astray, and the test runs again.
     constexpr uint32_t kRecheckMs = 1000;
     for (;;) {
-        const uint32_t seen = activity.generation();
+        const uint32_t seen = activity_.generation();
         uint32_t free = 0;
         if (turn_.compare_exchange_strong(free, 1, std::memory_order_acquire, std::memory_order_relaxed)) return;
-        activity.wait(seen, kRecheckMs);
+        activity_.wait(seen, kRecheckMs);
     }
 }
 
 void Reader::giveTurn()
 {
     turn_.store(0, std::memory_order_release);
-    activity.notify();
+    activity_.notify();
 }

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/d2xx.h"
 #include "platform/signal.h"
 #include "platform/sync.h"
 #include "platform/thread_safety.h"
@@ -39,28 +38,64 @@ public:
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
 
-    // Outgoing (`outgoing` true): `data` is the payload behind the frame
-    // head, 1 to 256 bytes; it is wrapped into a frame to this slot.
-    // Incoming: `data` is a whole received frame, stored unchanged.
-    void writeMailbox(bool outgoing, const uint8_t* data, uint32_t count);
-    // `destination` holds a whole mailbox (Mailbox::capacity bytes). An
-    // incoming frame is recorded as taken by `taker` only; its write number
-    // goes to `number` if given.
-    uint32_t readMailbox(bool outgoing, uint8_t* destination, uint32_t* tag = nullptr,
-                         Mailbox::Taker taker = Mailbox::Taker::status, uint32_t* number = nullptr);
-    uint16_t mailboxFull(bool outgoing, bool selectArrived) const;
-    void clearIncoming() { incoming.clearArrived(); }
+    // The slot's address on its rack and the name the host lists it by.
+    const uint32_t address;
+    const std::string name;
 
+    // The outgoing mailbox holds the one whole frame the slot is to be
+    // sent next (the link frames it). Putting a frame there starts a new
+    // send: hasSent() is 0 until the link reports it written.
+    void putOutgoing(const uint8_t* frame, uint32_t size);
+    // Takes the outgoing frame for the link to write; its length.
+    uint32_t takeOutgoing(uint8_t* destination);
+    bool outgoingWaiting() const { return outgoing_.unread.load() != 0; }
+    // The link's word on the outgoing frame: written, or the write failed.
+    // Either wakes the host thread that waits on the slot.
+    void noteSent();
+    void noteSendFailed();
     uint32_t hasSent() const { return hasSent_.load(std::memory_order_acquire); }
+    // Writes of this slot's frames that failed; an exchange whose frame was
+    // not written ends instead of waiting for it.
+    uint32_t sendFailures() const { return sendFailures_.load(std::memory_order_acquire); }
+
+    // Frames this slot has been given the rack lock for. It moves on just
+    // before the slot takes the lock, and every incoming frame is stored
+    // with the count of its moment, so that a frame can be told apart from
+    // one that answers a later message.
+    uint32_t framesSent() const { return framesSent_.load(std::memory_order_acquire); }
+    void countFrameSent() { framesSent_.fetch_add(1, std::memory_order_acq_rel); }
+
+    // Stores a whole frame from the slot in the incoming mailbox, tagged
+    // with framesSent(). `tellsOfLostCard`: the frame says the card has
+    // left or turned mute (the link reads that from the frame).
+    void putIncoming(const uint8_t* frame, uint32_t size, bool tellsOfLostCard);
+    // `destination` holds a whole mailbox (Mailbox::capacity bytes). The
+    // frame is recorded as taken by `taker` only; the framesSent() of its
+    // arrival goes to `tag` and its write number to `number` if given.
+    uint32_t takeIncoming(uint8_t* destination, Mailbox::Taker taker, uint32_t* tag = nullptr,
+                          uint32_t* number = nullptr);
+    // A frame the status thread has not taken yet.
+    bool statusWaiting() const { return incoming_.unread.load() != 0; }
+    // A frame a waiting exchange has not taken or forgotten yet.
+    bool answerWaiting() const { return incoming_.arrived.load() != 0; }
+    // The exchange forgets every frame that has arrived so far.
+    void clearIncoming() { incoming_.clearArrived(); }
+
+    // The slot acknowledged its frame and works on it: the bus is free, but
+    // the slot's answer is still to come. Cleared by any other frame from
+    // the slot, by the end of an exchange's wait and by a reset.
+    uint32_t blocked() const { return blocked_.load(std::memory_order_acquire); }
+    void setBlocked(bool value) { blocked_.store(value ? 1 : 0, std::memory_order_release); }
+
+    // The protocol the slot is told to use, as a T number.
     uint32_t protocol() const { return protocol_.load(std::memory_order_acquire); }
     void setProtocol(uint32_t tNumber) { protocol_.store(tNumber, std::memory_order_release); }
+    // The protocols of the latest card whose ATR named any, as API bits.
+    uint32_t protocolMask() const { return protocolMask_.load(std::memory_order_acquire); }
+    void setProtocolMask(uint32_t mask) { protocolMask_.store(mask, std::memory_order_release); }
 
     // The name widened character by character; returns 0.
     uint32_t wideName(std::wstring& out) const;
-
-    // Takes the outgoing frame and writes it to the device link; the FT
-    // status of the write.
-    FT_STATUS send(FT_HANDLE device);
 
     // Card state and ATR, kept by the rack's status thread.
     uint32_t cardState() const { return cardState_.load(std::memory_order_acquire); }
@@ -78,8 +113,8 @@ public:
     // no event. Connections note it, and a connection whose count is behind
     // has lost its card; status-change calls report it in their high bits.
     uint32_t eventCount() const { return eventCount_.load(std::memory_order_acquire); }
-    // Frames telling of a lost card (status 1 or 3) that a newer frame
-    // replaced before the status thread took them, since the last call.
+    // Frames telling of a lost card that a newer frame replaced before the
+    // status thread took them, since the last call.
     uint32_t takeReplacedRemovals();
     // The write number of the frame an exchange last took as its answer.
     void markAnswer(uint32_t frameNumber) { answerFrame_.store(frameNumber, std::memory_order_release); }
@@ -101,9 +136,6 @@ public:
     // A rack takes all its readers out this way first, so that a host woken
     // by the first one's event never lists the others of the same rack.
     void leaveListing() { available_.store(false, std::memory_order_release); }
-    // Writes of this slot's frames that failed; an exchange whose frame was
-    // not written ends instead of waiting for it.
-    uint32_t sendFailures() const { return sendFailures_.load(std::memory_order_acquire); }
 
     // Two host threads that exchange with the same slot would share one
     // pair of mailboxes and could take each other's answers. Every host
@@ -117,37 +149,35 @@ public:
     // selection waits for the slot's reply.
     bool turnHeld() const { return turn_.load(std::memory_order_acquire) != 0; }
 
-    // Fields, in the order of the reader record.
-    SharedAtr atr_;
-    Mailbox outgoing;
-    Mailbox incoming;
-    std::atomic<uint32_t> cardState_{kStateNoCard};
-    std::atomic<uint32_t> protocol_{0};
-    const uint32_t address;
-    std::atomic<uint32_t> hasSent_{0};
-    const std::string name;
-    std::atomic<uint32_t> protocolMask{0};
-    std::atomic<uint32_t> blocked{0};
-    // Frames this slot has been given the rack lock for. It moves on just
-    // before the slot takes the lock, and every incoming frame is stored
-    // with the count of its moment, so that a frame can be told apart from
-    // one that answers a later message.
-    std::atomic<uint32_t> framesSent{0};
-    // Wakes the host threads that wait on this slot: the exchange or
-    // connect waiting for its frame to leave or for the slot's reply, and
-    // callers waiting for the turn. Notified when the slot's frame is
-    // written to the link, when a frame lands in the incoming mailbox and
-    // when the turn is given back. One per reader: only the threads of one
-    // slot wait for these, so a frame to one slot wakes nobody else's
-    // threads; a wake meant for another of the slot's waiters costs a
-    // re-test.
-    platform::Signal activity;
+    // The host threads that wait on this slot sleep on its activity: the
+    // exchange or connect waiting for its frame to leave or for the slot's
+    // reply, and callers waiting for the turn. It moves on when the slot's
+    // frame is written (or its write fails), when a frame lands in the
+    // incoming mailbox, when the card changes and when the turn is given
+    // back. A waiter reads activitySeen() before it tests its condition and
+    // then sleeps while it is unchanged (platform::Signal's rule); false
+    // once the deadline has passed.
+    uint32_t activitySeen() const { return activity_.generation(); }
+    bool awaitActivity(uint32_t seen, platform::Signal::Deadline until) { return activity_.waitUntil(seen, until); }
 
 private:
     // Stores a new card state and ATR; moves the event count on if either
     // differs from what was there.
     void changeCard(const Atr& value, uint32_t state, uint32_t frameNumber);
 
+    SharedAtr atr_;
+    Mailbox outgoing_;
+    Mailbox incoming_;
+    std::atomic<uint32_t> cardState_{kStateNoCard};
+    std::atomic<uint32_t> protocol_{0};
+    std::atomic<uint32_t> hasSent_{0};
+    std::atomic<uint32_t> protocolMask_{0};
+    std::atomic<uint32_t> blocked_{0};
+    std::atomic<uint32_t> framesSent_{0};
+    // One per reader: only the threads of one slot wait for it, so a frame
+    // to one slot wakes nobody else's threads; a wake meant for another of
+    // the slot's waiters costs a re-test.
+    platform::Signal activity_;
     std::atomic<uint32_t> turn_{0};
     std::atomic<uint32_t> eventCount_{0};
     std::atomic<bool> available_{true};
@@ -157,8 +187,6 @@ private:
     std::atomic<bool> lastTellsOfLostCard_{false};
     std::atomic<uint32_t> replacedRemovals_{0};
     std::atomic<uint32_t> answerFrame_{0};
-    static constexpr uint8_t kStatusNoCardByte = 1;
-    static constexpr uint8_t kStatusMuteByte = 3;
 };
 
 // Holds a reader's turn for the life of the object.

@@ -13,6 +13,8 @@ bash scripts/install-deps.sh
 
 stage() { echo; echo "=== $* ==="; }
 
+stage "layers call only down"; bash scripts/check-layers.sh
+
 stage "native build and tests"
 cmake -S . -B build/native -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/native -j "$jobs"

@@ -36,7 +36,7 @@ TEST_F(Dispatch, MasterFramesAndFramesFromUnknownAddressesChangeNothing)
     EXPECT_NE(log.find("reader 9 RX - "), std::string::npos);
     EXPECT_NE(log.find("Smart card rack DSP reader 0 RX - 55 00 00 c3 e8 \nmsg from master\n"), std::string::npos);
     EXPECT_EQ(log.find("Unlocking rack"), std::string::npos);
-    EXPECT_EQ(reader(1)->blocked.load(), 0u);
+    EXPECT_EQ(reader(1)->blocked(), 0u);
     EXPECT_EQ(reader(1)->cardState(), kStateNoCard);
     EXPECT_EQ(reader(2)->cardState(), kStateNoCard);
 }
@@ -80,7 +80,7 @@ TEST_F(Dispatch, ReaderQueuedTwiceSendsWhatItsMailboxHoldsAtEachTurn)
     reader(2)->setProtocol(1);
     rack_->selectProtocol(reader(2));
     rack_->requestStatus(reader(2));  // replaces the select frame in the mailbox
-    rack_->unlock();
+    rack_->releaseLock(reader(1));
     ASSERT_TRUE(waitUntil([&] { return quiet() && wireLog(device_).size() == 3 + 2 + 3; }));
     std::vector<Bytes> wire = wireLog(device_);
     EXPECT_EQ(wire[wire.size() - 2], statusRequestTo(2));
@@ -108,7 +108,7 @@ TEST_F(Dispatch, ManySendersAtOnceLeaveNoMessageStrandedAndKeepOneMessageOnTheBu
                     Reader* slot = reader(a);
                     slot->clearIncoming();
                     rack_->requestStatus(slot);
-                    if (!waitUntil([&] { return slot->mailboxFull(false, true) != 0; })) ++unanswered;
+                    if (!waitUntil([&] { return slot->answerWaiting(); })) ++unanswered;
                 }
         });
     for (auto& sender : senders) sender.join();

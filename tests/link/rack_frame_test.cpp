@@ -62,6 +62,16 @@ TEST(RackFrame, ReceivedSizeAndStatus)
     const uint8_t ack26[] = {0x55, 0x01, 0x00, 0x26, 0x00};
     EXPECT_EQ(frameStatus(status25), 5);
     EXPECT_EQ(frameStatus(ack26), RackFrame::acknowledge);
+    // A lost card: status 1 or 3 in a short frame only.
+    const struct {
+        Bytes frame;
+        bool lostCard;
+    } lost[] = {{{0x55, 0x01, 0x00, 0x01, 0xA9}, true},  {{0x55, 0x01, 0x00, 0x23, 0x87}, true},
+                {{0x55, 0x01, 0x00, 0x05, 0xA5}, false}, {{0x55, 0x01, 0x00, 0x0D, 0x01}, false},
+                {{0x55, 0x01, 0x00}, false}};
+    for (const auto& c : lost)
+        EXPECT_EQ(frameTellsOfLostCard(c.frame.data(), static_cast<uint32_t>(c.frame.size())), c.lostCard)
+            << int(c.frame.size() > 3 ? c.frame[3] : 0);
 }
 
 }  // namespace

@@ -502,7 +502,7 @@ TEST_F(ConnectionsTest, AStaleAnswerDoesNotEndTheWaitAndNoAnswerIsAnError)
 
     // An old answer already stands in R1's mailbox, and R1 will stay silent.
     test_support::inject(device_, test_support::slotFrame(1, 0x05, atrT0ThenT1()));
-    ASSERT_TRUE(waitUntil([&] { return readerNamed("Tessel A1 R1")->incoming.arrived.load() != 0; }));
+    ASSERT_TRUE(waitUntil([&] { return readerNamed("Tessel A1 R1")->answerWaiting(); }));
     rackSimSetSlotFault(device_, 1, RACKSIM_NO_ACK, 1);
     clearLog();
     Outcome out{};

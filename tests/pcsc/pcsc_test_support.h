@@ -173,7 +173,7 @@ protected:
         for (Rack* rack : {rackOf(readerName("A1", 1))}) {
             const GrowingList<Reader*>& readers = rack->readers();
             for (size_t i = 0; i < readers.size(); ++i)
-                EXPECT_TRUE(waitUntil([&] { return readers[i]->incoming.unread.load() == 0; }));
+                EXPECT_TRUE(waitUntil([&] { return !readers[i]->statusWaiting(); }));
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

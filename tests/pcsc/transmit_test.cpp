@@ -183,7 +183,7 @@ TEST_F(TransmitTest, ACardTakenOutDuringATransmitEndsItAtOnce)
     DWORD length = 0;
     LONG result = 0;
     std::thread caller([&] { result = transmit(handle_, kSelect, answer, length); });
-    ASSERT_TRUE(waitUntil([&] { return readerNamed("Tessel A1 R1")->blocked.load() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return readerNamed("Tessel A1 R1")->blocked() == 1; }));
     rackSimRemoveCard(device_, 1);
     caller.join();
     EXPECT_EQ(result, SCARD_W_REMOVED_CARD);

@@ -40,7 +40,7 @@ protected:
     bool frameTaken(int address)
     {
         return address >= 1 && static_cast<size_t>(address) <= rack_->readers().size()
-                   ? reader(address)->incoming.unread.load() == 0
+                   ? !reader(address)->statusWaiting()
                    : true;
     }
 };

@@ -98,7 +98,6 @@ TEST(Mailbox, BothReadersTakeEveryFrameWrittenWhileTheStatusReaderFinishesACopy)
 {
     constexpr uint32_t kFrames = 1000;
     Reader reader(3, "SER");
-    Mailbox& box = reader.incoming;
     g_statusCopies = 0;
     platform::testing::setMailboxCopyHook(pauseInStatusCopy);
     std::atomic<bool> done{false};
@@ -108,11 +107,11 @@ TEST(Mailbox, BothReadersTakeEveryFrameWrittenWhileTheStatusReaderFinishesACopy)
         t_countsCopies = taker == Mailbox::Taker::status;
         Bytes out(Mailbox::capacity);
         while (!done) {
-            if (!box.flag(taker == Mailbox::Taker::exchange)) {
+            if (!(taker == Mailbox::Taker::exchange ? reader.answerWaiting() : reader.statusWaiting())) {
                 std::this_thread::yield();
                 continue;
             }
-            reader.readMailbox(false, out.data(), nullptr, taker);
+            reader.takeIncoming(out.data(), taker);
             took.push_back(frameId(out));
             if (taker == Mailbox::Taker::exchange) lastExchangeId = frameId(out);
         }
@@ -130,11 +129,11 @@ TEST(Mailbox, BothReadersTakeEveryFrameWrittenWhileTheStatusReaderFinishesACopy)
     for (uint32_t id = 1; id <= kFrames; ++id) {
         frame[0] = static_cast<uint8_t>(id);
         frame[1] = static_cast<uint8_t>(id >> 8);
-        reader.writeMailbox(false, frame.data(), 8);
+        reader.putIncoming(frame.data(), 8, false);
         // The next frame goes in while the status reader pauses after its copy.
         if (!waitFor([&] { return g_statusCopies.load() >= id && lastExchangeId.load() == id; })) break;
     }
-    bool settled = waitFor([&] { return box.flag(false) == 0 && box.flag(true) == 0; });
+    bool settled = waitFor([&] { return !reader.statusWaiting() && !reader.answerWaiting(); });
     done = true;
     status.join();
     exchange.join();
@@ -176,16 +175,20 @@ TEST(Atr, KeepsAtMostThirtyTwoBytes)
     EXPECT_EQ(atr.copyTo(out.data()), 32u);
 }
 
-TEST(ReaderMailbox, OutgoingPayloadIsWrappedIntoAFrameToTheSlot)
+TEST(ReaderMailbox, AnOutgoingFrameStartsANewSendAndIsTakenOnce)
 {
     Reader reader(5, "SER");
-    const uint8_t select = 0x60;
-    reader.writeMailbox(true, &select, 1);
+    reader.noteSent();
+    const Bytes select{0x55, 0x05, 0x00, 0x60, 0x46};
+    reader.putOutgoing(select.data(), static_cast<uint32_t>(select.size()));
     EXPECT_EQ(reader.hasSent(), 0u);
-    EXPECT_EQ(reader.mailboxFull(true, false), 1);
+    EXPECT_TRUE(reader.outgoingWaiting());
     Bytes out(Mailbox::capacity);
-    ASSERT_EQ(reader.readMailbox(true, out.data()), 5u);
-    EXPECT_EQ(Bytes(out.begin(), out.begin() + 5), (Bytes{0x55, 0x05, 0x00, 0x60, 0x46}));
+    ASSERT_EQ(reader.takeOutgoing(out.data()), 5u);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 5), select);
+    EXPECT_FALSE(reader.outgoingWaiting());
+    reader.noteSendFailed();
+    EXPECT_EQ(reader.sendFailures(), 1u);
     EXPECT_EQ(reader.name, "Tessel SER R5");
     std::wstring wide;
     reader.wideName(wide);

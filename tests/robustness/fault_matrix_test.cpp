@@ -76,7 +76,7 @@ protected:
 
     bool settled(Reader* reader) const
     {
-        return !rack_->isLocked() && rack_->queuedTurns() == 0 && reader->incoming.unread.load() == 0;
+        return !rack_->isLocked() && rack_->queuedTurns() == 0 && !reader->statusWaiting();
     }
 
     // What an exchange that has ended may leave behind: nothing. The rack
@@ -86,8 +86,8 @@ protected:
     {
         EXPECT_FALSE(rack_->isLocked());
         EXPECT_EQ(rack_->queuedTurns(), 0u);
-        EXPECT_EQ(reader->blocked.load(), 0u);
-        EXPECT_EQ(reader->incoming.arrived.load(), 0u);
+        EXPECT_EQ(reader->blocked(), 0u);
+        EXPECT_FALSE(reader->answerWaiting());
     }
 
     int faultyDevice_ = -1, otherDevice_ = -1;
@@ -154,7 +154,7 @@ TEST_F(FaultMatrix, NoAcknowledgeTimesOutAndTheExchangeGivesTheRackLockBack)
               SCARD_W_UNRESPONSIVE_CARD);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(16000 / test_support::kTimeScale));
     EXPECT_FALSE(rack_->isLocked());
-    EXPECT_EQ(faulty_->outgoing.unread.load(), 0u);
+    EXPECT_FALSE(faulty_->outgoingWaiting());
 
     expectEveryoneServed();
     expectNothingLeftBehind(faulty_);
@@ -169,7 +169,7 @@ TEST_F(FaultMatrix, NoAnswerTimesOutWhileTheBusServesOthersAndTheLateAnswerIsNot
     std::thread caller([&] { silent = transmit(faultyHandle_, command); });
     // The acknowledge marks the reader as blocked and frees the bus while
     // the card is at work.
-    ASSERT_TRUE(waitUntil([&] { return faulty_->blocked.load() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return faulty_->blocked() == 1; }));
     expectServed(neighbourHandle_, "another reader of the same rack, during the wait");
     expectServed(otherRackHandle_, "the second rack, during the wait");
     caller.join();
@@ -183,7 +183,7 @@ TEST_F(FaultMatrix, NoAnswerTimesOutWhileTheBusServesOthersAndTheLateAnswerIsNot
     expectNothingLeftBehind(faulty_);
     // The late answer lands in the mailbox; the next exchange clears it
     // first and waits for its own.
-    ASSERT_TRUE(waitUntil([&] { return faulty_->incoming.arrived.load() != 0; }, std::chrono::seconds(5)));
+    ASSERT_TRUE(waitUntil([&] { return faulty_->answerWaiting(); }, std::chrono::seconds(5)));
     rackSimSetCardDelayMs(faultyDevice_, 1, 0);
     expectEveryoneServed();
 }
@@ -461,7 +461,7 @@ TEST_F(FaultMatrix, UnpluggedRackIsLostAndComesBackInPlace)
         inFlight = transmit(faultyHandle_, nextCommand());
         done = true;
     });
-    ASSERT_TRUE(waitUntil([&] { return faulty_->blocked.load() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return faulty_->blocked() == 1; }));
     // A status-change wait that is under way when the rack goes.
     SCARD_READERSTATEA waiting = seen;
     LONG waitResult = 0;

@@ -2,7 +2,7 @@
 // incoming mailbox and keeps the reader's card state and ATR. While the
 // rack is not yet enumerated it also counts one status per reader and sends
 // the status-collected frame when all have answered.
-#include "reader/status_worker.h"
+#include "link/status_worker.h"
 
 #include <cstring>
 
@@ -54,7 +54,7 @@ void takeNewStatuses(Rack& rack)
     const GrowingList<Reader*>& readers = rack.readers();
     for (size_t i = 0, n = readers.size(); i < n; ++i) {
         Reader* reader = readers[i];
-        if (reader->mailboxFull(false, false)) takeReaderStatus(rack, *reader);
+        if (reader->statusWaiting()) takeReaderStatus(rack, *reader);
     }
 }
 
@@ -63,7 +63,7 @@ void takeReaderStatus(Rack& rack, Reader& reader)
     uint8_t frame[Mailbox::capacity] = {};
     uint32_t sentWhenStored = 0;
     uint32_t frameNumber = 0;
-    reader.readMailbox(false, frame, &sentWhenStored, Mailbox::Taker::status, &frameNumber);
+    reader.takeIncoming(frame, Mailbox::Taker::status, &sentWhenStored, &frameNumber);
     uint8_t status = frameStatus(frame);
     bool extended = frame[3] == RackFrame::extendedMarker;
 
@@ -73,7 +73,7 @@ void takeReaderStatus(Rack& rack, Reader& reader)
     // a newer frame since this one arrived, this one answers an older
     // message, and freeing the lock now would put a second frame on the bus
     // while the newer one is unanswered.
-    rack.unlockIfHeldFor(&reader, sentWhenStored);
+    rack.releaseLock(&reader, sentWhenStored);
 
     if (!rack.enumerated()) {
         uint32_t count = rack.countStatus();
