@@ -66,6 +66,7 @@ void Rack::handleFrame(const uint8_t* frame, uint32_t size)
 void Rack::deliverToReader(Reader* reader, const uint8_t* frame, uint32_t size)
 {
     reader->putIncoming(frame, size, frameTellsOfLostCard(frame, size));
+    incomingFrames_.notify();
 }
 
 void Rack::handleEnumerationReply(const uint8_t* frame)

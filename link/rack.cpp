@@ -29,6 +29,7 @@ void Rack::stopWorkers()
 {
     stopRequested_.store(true, std::memory_order_release);
     stopSignal_.notify();
+    incomingFrames_.notify();
     if (receiveEvent_) receiveEvent_->wake();
     workers_[0].join();
     workers_[1].join();

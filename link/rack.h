@@ -126,6 +126,9 @@ public:
     // Takes every turn of `reader` out of the send queue: its caller gave
     // up waiting, and the frame must not go out behind its back.
     void withdrawTurns(Reader* reader) EXCLUDES(sendQueueGuard_);
+    // Moves on with every frame put into a reader's incoming mailbox and
+    // with the stop: the status thread sleeps on it instead of polling.
+    platform::Signal& incomingFrames() { return incomingFrames_; }
 
     // The readers, in the order of the slot map; the list only grows. A
     // reader stays in it after its slot has gone (unavailable), and the
@@ -189,6 +192,7 @@ private:
     void workerPause(uint32_t milliseconds);
     // Wakes a worker's pause when the workers are told to stop.
     platform::Signal stopSignal_;
+    platform::Signal incomingFrames_;
     bool sendQueueEmpty() EXCLUDES(sendQueueGuard_);
     // The fast link (fast_link.h): set up at open; the receive loop's wait
     // between polls, on the device's event while there is one.

@@ -9,12 +9,15 @@
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
-#include "platform/clock.h"
+#include "platform/signal.h"
 #include "reader/reader.h"
 
 namespace {
 
-constexpr uint32_t kPollMs = 5;
+// The status thread sleeps until the receive thread stores a frame for a
+// reader (or the stop): an idle rack costs no wake-ups. The limit only
+// bounds a wake-up that went astray.
+constexpr uint32_t kRecheckMs = 1000;
 
 enum : uint8_t {
     kStatusNoCard = 1,
@@ -41,9 +44,11 @@ bool isOtherCard(const Reader& reader, const Atr& offered, bool extended, uint32
 
 void runStatusWorker(Rack& rack)
 {
+    platform::Signal& frames = rack.incomingFrames();
     while (!rack.stopping()) {
-        platform::pauseMs(kPollMs);
+        const uint32_t seen = frames.generation();
         takeNewStatuses(rack);
+        frames.wait(seen, kRecheckMs);
     }
 }
 
