@@ -79,6 +79,7 @@ typedef struct _EVENT_HANDLE {
 // never imports them: it looks them up by name at run time
 // (platform/d2xx_optional.h), so that the import table keeps its ordinals.
 typedef FT_STATUS(FT_API* FT_SetLatencyTimerFunction)(FT_HANDLE ftHandle, uint8_t ucLatency);
+typedef FT_STATUS(FT_API* FT_GetLatencyTimerFunction)(FT_HANDLE ftHandle, uint8_t* pucLatency);
 typedef FT_STATUS(FT_API* FT_SetEventNotificationFunction)(FT_HANDLE ftHandle, uint32_t Mask, void* Param);
 
 FT_STATUS FT_API FT_Close(FT_HANDLE ftHandle);

@@ -19,6 +19,11 @@ FT_SetLatencyTimerFunction findSetLatencyTimer()
     return reinterpret_cast<FT_SetLatencyTimerFunction>(find("FT_SetLatencyTimer"));
 }
 
+FT_GetLatencyTimerFunction findGetLatencyTimer()
+{
+    return reinterpret_cast<FT_GetLatencyTimerFunction>(find("FT_GetLatencyTimer"));
+}
+
 FT_SetEventNotificationFunction findSetEventNotification()
 {
     return reinterpret_cast<FT_SetEventNotificationFunction>(find("FT_SetEventNotification"));

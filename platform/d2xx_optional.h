@@ -10,6 +10,7 @@ namespace platform {
 
 // Null when the loaded D2XX library lacks the function.
 FT_SetLatencyTimerFunction findSetLatencyTimer();
+FT_GetLatencyTimerFunction findGetLatencyTimer();
 FT_SetEventNotificationFunction findSetEventNotification();
 
 }  // namespace platform

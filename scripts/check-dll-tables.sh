@@ -313,8 +313,8 @@ if read_module "$dir/FTD2XX.dll" ft; then
     grep -qx "${pair%%:*} ${pair#*:}" "$work/ft.names" || { d2xx_ok=no; fail "FTD2XX.dll lacks ${pair#*:} at ordinal ${pair%%:*}"; }
   done
   [ "$d2xx_ok" = yes ] && pass "the D2XX functions sit at their ordinals"
-  # Looked up by name at run time by the fast link, never imported.
-  for name in FT_SetLatencyTimer FT_SetEventNotification; do
+  # Looked up by name at run time by the fast link and the bring-up, never imported.
+  for name in FT_SetLatencyTimer FT_GetLatencyTimer FT_SetEventNotification; do
     grep -q " $name\$" "$work/ft.names" && pass "$name is exported by name" || fail "FTD2XX.dll lacks $name"
   done
   decorated=$(awk '$2 ~ /@/ { print $2 }' "$work/ft.names" | tr '\n' ' ')

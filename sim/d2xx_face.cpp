@@ -15,6 +15,7 @@
 extern "C" {
 
 D2XX_EXPORT FT_STATUS FT_API FT_SetLatencyTimer(FT_HANDLE ftHandle, uint8_t ucLatency);
+D2XX_EXPORT FT_STATUS FT_API FT_GetLatencyTimer(FT_HANDLE ftHandle, uint8_t* pucLatency);
 D2XX_EXPORT FT_STATUS FT_API FT_SetEventNotification(FT_HANDLE ftHandle, uint32_t Mask, void* Param);
 
 D2XX_EXPORT FT_STATUS FT_API FT_Close(FT_HANDLE ftHandle) { return racksim::hostClose(ftHandle); }
@@ -47,10 +48,15 @@ D2XX_EXPORT FT_STATUS FT_API FT_GetQueueStatus(FT_HANDLE ftHandle, uint32_t* dwR
     return racksim::hostQueueStatus(ftHandle, dwRxBytes);
 }
 
-// Not every D2XX library has these two; the library finds them by name.
+// Not every D2XX library has these; the library finds them by name.
 D2XX_EXPORT FT_STATUS FT_API FT_SetLatencyTimer(FT_HANDLE ftHandle, uint8_t ucLatency)
 {
     return racksim::hostSetLatencyTimer(ftHandle, ucLatency);
+}
+
+D2XX_EXPORT FT_STATUS FT_API FT_GetLatencyTimer(FT_HANDLE ftHandle, uint8_t* pucLatency)
+{
+    return racksim::hostGetLatencyTimer(ftHandle, pucLatency);
 }
 
 D2XX_EXPORT FT_STATUS FT_API FT_SetEventNotification(FT_HANDLE ftHandle, uint32_t Mask, void* Param)

@@ -174,6 +174,16 @@ FT_STATUS hostSetLatencyTimer(FT_HANDLE handle, uint8_t milliseconds)
     return FT_OK;
 }
 
+FT_STATUS hostGetLatencyTimer(FT_HANDLE handle, uint8_t* milliseconds)
+{
+    Lock lock(registry().mutex);
+    RackDevice* device = byHandle(handle);
+    if (!device) return goneStatus(handle);
+    if (milliseconds == nullptr) return FT_INVALID_PARAMETER;
+    *milliseconds = static_cast<uint8_t>(device->latencyTimer() / kMillisecond);
+    return FT_OK;
+}
+
 FT_STATUS hostSetEventNotification(FT_HANDLE handle, uint32_t mask, void* parameter)
 {
     Lock lock(registry().mutex);

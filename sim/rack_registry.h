@@ -56,6 +56,7 @@ FT_STATUS hostSetBaudRate(FT_HANDLE handle, uint32_t baud);
 FT_STATUS hostSetDataCharacteristics(FT_HANDLE handle, uint8_t wordLength, uint8_t stopBits, uint8_t parity);
 FT_STATUS hostQueueStatus(FT_HANDLE handle, uint32_t* waiting);
 FT_STATUS hostSetLatencyTimer(FT_HANDLE handle, uint8_t milliseconds);
+FT_STATUS hostGetLatencyTimer(FT_HANDLE handle, uint8_t* milliseconds);
 FT_STATUS hostSetEventNotification(FT_HANDLE handle, uint32_t mask, void* parameter);
 FT_STATUS hostListDevices(void* arg1, void* arg2, uint32_t flags);
 FT_STATUS hostCreateDeviceInfoList(uint32_t* count);
