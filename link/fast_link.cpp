@@ -17,6 +17,14 @@ constexpr const char* kSettingName = "TESSEL_FAST_LINK";
 // The longest the receive thread sleeps on the fast link when no event
 // comes: a missed event costs no more than the poll of the plain link.
 constexpr uint32_t kEventFallbackMs = 5;
+// A busy link is polled every 5 ms. An idle one (no frame awaited, no bytes
+// held, nothing written or received lately) every kIdlePollMs, and a write
+// wakes it at once, so that a farm of idle racks does not keep a core busy.
+// What an idle link can bring unasked is a slot's card event, which then
+// reaches the host up to kIdlePollMs later: a delay no host of a card farm
+// can tell from the card's own timing.
+constexpr uint32_t kPollMs = 5;
+constexpr uint32_t kIdlePollMs = 50;
 
 // The driver's range of the latency timer.
 constexpr uint32_t kShortestTimerMs = 2;
@@ -74,7 +82,10 @@ uint32_t fastLinkLatencyTimerMs()
 void Rack::setUpFastLink()
 {
     uint32_t timerMs = fastLinkLatencyTimerMs();
-    if (timerMs == 0) return;
+    if (timerMs == 0) {
+        shortenTimerForBringUp();
+        return;
+    }
 
     if (FT_SetLatencyTimerFunction setLatencyTimer = platform::findSetLatencyTimer()) {
         // A driver may refuse the call; the link then stays on the driver's
@@ -112,10 +123,53 @@ void Rack::setUpFastLink()
     logWrite("Fast link: woken by received bytes\n");
 }
 
-void Rack::pauseBetweenPolls(uint32_t pollMs)
+// The bring-up asks every slot for its status in turn, and each short reply
+// sits in the device for its latency timer: 16 ms a slot at the driver's
+// default, nearly 4 s for a rack of 240 slots. The bring-up therefore runs
+// on the shortest timer whatever the setting, and the driver's value is put
+// back once the slots have answered, so the host's own traffic sees the
+// link exactly as it asked for it. A D2XX library that cannot read or set
+// the timer leaves the bring-up on the driver's timer, untraced: the link
+// then is what it always was.
+void Rack::shortenTimerForBringUp()
 {
-    if (receiveEvent_)
-        receiveEvent_->wait(kEventFallbackMs);
+    FT_GetLatencyTimerFunction getLatencyTimer = platform::findGetLatencyTimer();
+    FT_SetLatencyTimerFunction setLatencyTimer = platform::findSetLatencyTimer();
+    timerAfterBringUp_.store(0, std::memory_order_release);
+    if (getLatencyTimer == nullptr || setLatencyTimer == nullptr) return;
+    uint8_t driverMs = 0;
+    if (getLatencyTimer(ftHandle, &driverMs) != FT_OK || driverMs <= kShortestTimerMs) return;
+    if (setLatencyTimer(ftHandle, static_cast<uint8_t>(kShortestTimerMs)) != FT_OK) return;
+    timerAfterBringUp_.store(driverMs, std::memory_order_release);
+    logWrite("Bring-up: latency timer " + std::to_string(kShortestTimerMs) + " ms until the slots have answered\n");
+}
+
+// On the status thread, before the status-collected frame goes out. The
+// link lock keeps the handle from being closed under the call.
+void Rack::restoreTimerAfterBringUp()
+{
+    const uint32_t driverMs = timerAfterBringUp_.exchange(0, std::memory_order_acq_rel);
+    if (driverMs == 0) return;
+    FT_SetLatencyTimerFunction setLatencyTimer = platform::findSetLatencyTimer();
+    lockLinkForWrite();
+    const FT_STATUS status = lost() ? FT_DEVICE_NOT_FOUND : setLatencyTimer(ftHandle, static_cast<uint8_t>(driverMs));
+    unlockLinkAfterWrite();
+    if (status == FT_OK)
+        logWrite("Bring-up over: latency timer " + std::to_string(driverMs) + " ms\n");
     else
-        platform::pauseMs(pollMs);
+        logWrite("Bring-up over: FT_SetLatencyTimer refused " + std::to_string(driverMs) + " ms (status " +
+                 std::to_string(static_cast<uint32_t>(status)) + ")\n");
+}
+
+void Rack::pauseBetweenPolls(bool busy, uint32_t writesSeen)
+{
+    // With the device's event, bytes end the wait whatever its limit; the
+    // limit only bounds an event that went astray, and a write needs no
+    // wake of its own, as its answer comes back as bytes.
+    if (receiveEvent_)
+        receiveEvent_->wait(busy ? kEventFallbackMs : kIdlePollMs);
+    else if (busy)
+        platform::pauseMs(kPollMs);
+    else
+        linkWrites_.wait(writesSeen, kIdlePollMs);
 }

@@ -30,6 +30,7 @@ void Rack::stopWorkers()
     stopRequested_.store(true, std::memory_order_release);
     stopSignal_.notify();
     incomingFrames_.notify();
+    linkWrites_.notify();
     if (receiveEvent_) receiveEvent_->wake();
     workers_[0].join();
     workers_[1].join();
@@ -109,6 +110,7 @@ FT_STATUS Rack::writeMasterFrame(const uint8_t* frame)
     uint32_t written = 0;
     const FT_STATUS status = FT_Write(ftHandle, const_cast<uint8_t*>(frame), 5, &written);
     unlockLinkAfterWrite();
+    noteLinkMoved();
     if (status != FT_OK) logWrite("FT_Write failed - " + decimalText(static_cast<uint32_t>(status)));
     noteLinkStatus(status);
     return status;
@@ -215,6 +217,9 @@ void Rack::startEnumeration()
 
 void Rack::finishEnumeration()
 {
+    // The driver's timer is back before the rack can answer, so a rack
+    // that counts as enumerated runs on it.
+    restoreTimerAfterBringUp();
     logWrite("c2\n");
     writeMasterFrame(RackFrame::statusCollectedFrame);
 }

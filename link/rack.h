@@ -197,7 +197,20 @@ private:
     // The fast link (fast_link.h): set up at open; the receive loop's wait
     // between polls, on the device's event while there is one.
     void setUpFastLink();
-    void pauseBetweenPolls(uint32_t pollMs);
+    // Without the fast link, the bring-up alone runs on the shortest
+    // latency timer, and the driver's own comes back once it is over.
+    void shortenTimerForBringUp();
+    void restoreTimerAfterBringUp();
+    // The driver's timer to put back after the bring-up; 0: none to put back.
+    std::atomic<uint32_t> timerAfterBringUp_{0};
+    void pauseBetweenPolls(bool busy, uint32_t writesSeen);
+    // Busy: a frame is awaited or under way, or the link moved lately. Only
+    // the receive thread asks (the assembler is its own).
+    bool linkBusy();
+    // Called after every write: the receive thread polls fast again.
+    void noteLinkMoved();
+    platform::Signal linkWrites_;
+    std::atomic<uint32_t> linkMovedAt_{0};
 
     // Several threads change the send queue: a short guard of its own,
     // never held across a write to the device. It also keeps a turn, the

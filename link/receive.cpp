@@ -1,7 +1,6 @@
-// The receive thread: polls the device every 5 ms and feeds what waits
-// there to the rack's frame assembler, which hands every whole frame to
-// handleFrame. Only this thread reads from the link and touches the
-// assembler.
+// The receive thread: polls the device and feeds what waits there to the
+// rack's frame assembler, which hands every whole frame to handleFrame.
+// Only this thread reads from the link and touches the assembler.
 #include "diag/text.h"
 #include "diag/trace_log.h"
 #include "link/rack.h"
@@ -9,7 +8,9 @@
 
 namespace {
 
-constexpr uint32_t kPollMs = 5;
+// How long the link counts as busy after its last write or its last bytes
+// (the poll rates are in fast_link.cpp).
+constexpr uint32_t kBusyAfterMs = 250;
 // While the device is lost the thread only waits for the word that it is
 // back (requestReopen wakes it at once); this bounds a wake that went astray.
 constexpr uint32_t kLostPauseMs = 100;
@@ -29,7 +30,8 @@ void Rack::receiveLoop()
                 workerPause(kLostPauseMs);
             continue;
         }
-        pauseBetweenPolls(kPollMs);
+        const uint32_t writesSeen = linkWrites_.generation();
+        pauseBetweenPolls(linkBusy(), writesSeen);
         receivePass(platform::wallClockMs());
         if (lossPending_.load(std::memory_order_acquire))
             loseLink();
@@ -50,6 +52,7 @@ uint32_t Rack::receivePass(int64_t nowMs)
     if (status != FT_OK) waiting = 0;
     if (assembler_.shouldGiveUp(nowMs, waiting)) assembler_.giveUp();
     if (waiting > 0) {
+        linkMovedAt_.store(platform::tickCount(), std::memory_order_release);
         assembler_.linkSeen(nowMs);
         receiveBytes(waiting);
     }
@@ -71,4 +74,17 @@ void Rack::receiveBytes(uint32_t waiting)
                  tracedBytes(TracedBytes::frame, assembler_.held(), static_cast<int32_t>(assembler_.heldCount())) + "\n");
     }
     assembler_.parse();
+}
+
+void Rack::noteLinkMoved()
+{
+    linkMovedAt_.store(platform::tickCount(), std::memory_order_release);
+    linkWrites_.notify();
+}
+
+bool Rack::linkBusy()
+{
+    if (lockHolder_.load() != nullptr || assembler_.heldCount() > 0 || !enumerated()) return true;
+    if (platform::tickCount() - linkMovedAt_.load(std::memory_order_acquire) < kBusyAfterMs) return true;
+    return !sendQueueEmpty();
 }

@@ -101,6 +101,7 @@ FT_STATUS Rack::writeFrameOf(Reader* reader)
     uint32_t written = 0;
     FT_STATUS status = FT_Write(ftHandle, frame, size, &written);
     int64_t after = platform::calendarSeconds();
+    noteLinkMoved();
 
     if (status != FT_OK) {
         logWrite("FT_Write failed - " + decimalText(static_cast<uint32_t>(status)));

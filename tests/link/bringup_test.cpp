@@ -161,6 +161,10 @@ TEST_F(BringUp, CloseConnectionsClosesEveryLinkAndKeepsTheRacks)
 // The fast link setting, read afresh for one bring-up. Every wait on the
 // device's event is made far longer than the bring-up may take, so the
 // rack comes up only if the device's signals wake the receive thread.
+// Without the fast link, the bring-up alone runs on the shortest timer and
+// the driver's comes back after it.
+#define kBringUpTimerText "Bring-up: latency timer 2 ms until the slots have answered\n"
+
 struct FastLinkCase {
     const char* name;
     const char* value;  // null: not set
@@ -201,12 +205,15 @@ TEST_P(FastLinkSetting, SetsTheLatencyTimerAndWakesOnReceivedBytesOrTracesWhyNot
     EXPECT_EQ(rackSimCounter(device, RACKSIM_EVENTS_SIGNALLED) > 0, row.wokenByEvents);
     std::string text = logText();
     EXPECT_NE(text.find(std::string("connect\n") + row.traces + "Rack FAST connected\n"), std::string::npos) << text;
+    const bool timerShortened = std::string(row.traces).find(kBringUpTimerText) != std::string::npos;
+    EXPECT_EQ(text.find("Bring-up over: latency timer 16 ms\nc2\n") != std::string::npos, timerShortened) << text;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Values, FastLinkSetting,
     ::testing::Values(
-        FastLinkCase{"Unset", nullptr, false, 16, false, ""},
+        FastLinkCase{"Unset", nullptr, false, 16, false, kBringUpTimerText},
+        FastLinkCase{"UnsetWithoutTimerFunctions", nullptr, true, 16, false, ""},
         FastLinkCase{"TwoMs", "2", false, 2, true, "Fast link: latency timer 2 ms\nFast link: woken by received bytes\n"},
         FastLinkCase{"LongestTimer", "255", false, 255, true, "Fast link: latency timer 255 ms\nFast link: woken by received bytes\n"},
         FastLinkCase{"FunctionsMissing", "2", true, 16, false,
@@ -216,13 +223,13 @@ INSTANTIATE_TEST_SUITE_P(
                      "Fast link: FT_SetLatencyTimer refused 2 ms (status 18), latency timer left as the driver has it\n"
                      "Fast link: woken by received bytes\n",
                      true},
-        FastLinkCase{"Zero", "0", false, 16, false, "TESSEL_FAST_LINK=0 ignored: a latency timer of 2 to 255 ms is expected\n"},
+        FastLinkCase{"Zero", "0", false, 16, false, "TESSEL_FAST_LINK=0 ignored: a latency timer of 2 to 255 ms is expected\n" kBringUpTimerText},
         FastLinkCase{"OneIsOutsideTheDriversRange", "1", false, 16, false,
-                     "TESSEL_FAST_LINK=1 ignored: a latency timer of 2 to 255 ms is expected\n"},
+                     "TESSEL_FAST_LINK=1 ignored: a latency timer of 2 to 255 ms is expected\n" kBringUpTimerText},
         FastLinkCase{"TooLong", "256", false, 16, false,
-                     "TESSEL_FAST_LINK=256 ignored: a latency timer of 2 to 255 ms is expected\n"},
+                     "TESSEL_FAST_LINK=256 ignored: a latency timer of 2 to 255 ms is expected\n" kBringUpTimerText},
         FastLinkCase{"WithUnit", "2ms", false, 16, false,
-                     "TESSEL_FAST_LINK=2ms ignored: a latency timer of 2 to 255 ms is expected\n"}),
+                     "TESSEL_FAST_LINK=2ms ignored: a latency timer of 2 to 255 ms is expected\n" kBringUpTimerText}),
     [](const ::testing::TestParamInfo<FastLinkCase>& info) { return std::string(info.param.name); });
 
 }  // namespace
