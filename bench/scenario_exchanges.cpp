@@ -78,15 +78,9 @@ Throughput measureThroughput(const std::vector<SCARDHANDLE>& handles, const Shap
     stop.store(true);
     for (auto& w : workers) w.join();
 
-    t.exchanges = count1 - count0;
-    t.rate = static_cast<double>(t.exchanges) / elapsedS;
+    settleThroughput(t, count1 - count0, elapsedS, proc1 - proc0, caller1 - caller0);
     for (auto& f : failed) t.failures += f.load();
-    if (t.exchanges > 0) {
-        t.processCpuMs = (proc1 - proc0) / static_cast<double>(t.exchanges);
-        t.callerCpuMs = (caller1 - caller0) / static_cast<double>(t.exchanges);
-        t.entries = static_cast<double>(entries1 - entries0) / static_cast<double>(t.exchanges);
-    }
-    t.cores = (proc1 - proc0) / (elapsedS * 1000.0);
+    if (t.exchanges > 0) t.entries = static_cast<double>(entries1 - entries0) / static_cast<double>(t.exchanges);
     t.logKBps = static_cast<double>(bytes1 - bytes0) / 1024.0 / elapsedS;
     return t;
 }

@@ -11,6 +11,7 @@
 #include "bench/bus_model.h"
 #include "bench/report_text.h"
 #include "bench/rig.h"
+#include "bench/throughput.h"
 
 namespace bench {
 
@@ -38,19 +39,6 @@ struct Latency {
     double callerCpuMs = 0;   // caller's thread, per exchange
     double processCpuMs = 0;  // whole process, per exchange
     double entries = 0;       // log entries per exchange
-};
-
-struct Throughput {
-    bus_model::Shape shape;
-    int threads = 0;
-    double rate = 0;
-    long exchanges = 0;
-    int failures = 0;
-    double processCpuMs = 0;  // per exchange
-    double callerCpuMs = 0;   // per exchange, host threads only
-    double cores = 0;         // process CPU per wall second
-    double entries = 0;       // log entries per exchange
-    double logKBps = 0;       // growth of the log file
 };
 
 Latency measureLatency(SCARDHANDLE handle, const bus_model::Shape& shape, const std::vector<BYTE>& command,

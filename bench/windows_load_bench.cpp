@@ -31,12 +31,15 @@
 #include "bench/bus_model.h"
 #include "bench/load_targets.h"
 #include "bench/report_text.h"
+#include "bench/throughput.h"
 #include "sim/rack_sim.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using bus_model::Shape;
+using bench::settleThroughput;
+using bench::Throughput;
 using namespace load_targets;
 using report_text::fmt;
 using report_text::percent;
@@ -133,16 +136,6 @@ struct Workload {
     DWORD waitMs = 3000;
 };
 
-struct Throughput {
-    int threads = 0;
-    double rate = 0;
-    long exchanges = 0;
-    long failures = 0;
-    double processCpuMs = 0;  // per exchange
-    double callerCpuMs = 0;   // per exchange, host threads only
-    double cores = 0;         // process CPU per wall second
-};
-
 // `threads` host threads, each on its own reader, exchange without pause;
 // counts what completes within the window after a warm-up.
 Throughput measureThroughput(const std::vector<SCARDHANDLE>& handles, int threads, const Workload& w)
@@ -194,14 +187,8 @@ Throughput measureThroughput(const std::vector<SCARDHANDLE>& handles, int thread
     for (HANDLE h : own)
         if (h) CloseHandle(h);
 
-    t.exchanges = count1 - count0;
-    t.rate = static_cast<double>(t.exchanges) / elapsedS;
+    settleThroughput(t, count1 - count0, elapsedS, proc1 - proc0, caller1 - caller0);
     for (auto& f : failed) t.failures += f.load();
-    if (t.exchanges > 0) {
-        t.processCpuMs = (proc1 - proc0) / static_cast<double>(t.exchanges);
-        t.callerCpuMs = (caller1 - caller0) / static_cast<double>(t.exchanges);
-    }
-    t.cores = (proc1 - proc0) / (elapsedS * 1000.0);
     return t;
 }
 
