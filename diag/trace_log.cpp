@@ -43,7 +43,6 @@ struct OpenLog {
 };
 
 CONSTRUCTED_BEFORE_STARTUP(204) OpenLog g_open;
-std::atomic<TraceMode> g_mode{TraceMode::full};
 
 // Room for either stamp; the formats give 22 characters and a tick field
 // of at most 8.
@@ -148,7 +147,7 @@ void startLog()
     g_open.stampSecond[0] = g_open.stampSecond[1] = -1;
     g_open.none = false;
     forgetTracedPins();
-    g_mode.store(g_open.settings.mode, std::memory_order_relaxed);
+    setTraceMode(g_open.settings.mode);
     g_open.file.close();
     if (g_open.settings.mode == TraceMode::off) return;
     openLogFile(true);
@@ -252,7 +251,6 @@ void appendEntry(const std::string& body, Stamp kind, bool mayStartLog, bool ban
 
 }  // namespace
 
-TraceMode traceMode() { return g_mode.load(std::memory_order_relaxed); }
 
 void setLoadBanner(const char* banner) { g_pendingBanner.store(banner, std::memory_order_release); }
 

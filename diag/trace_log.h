@@ -46,6 +46,3 @@ void setLoadBanner(const char* banner);
 // Writes the banner set by setLoadBanner now, unless an entry already has
 // (the discovery thread's first step).
 void startLoadLog();
-
-// The mode the log was started with; full until it starts.
-TraceMode traceMode();

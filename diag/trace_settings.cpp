@@ -1,8 +1,9 @@
 #include "diag/trace_settings.h"
 
-#include "platform/environment.h"
-
+#include <atomic>
 #include <cctype>
+
+#include "platform/environment.h"
 
 namespace {
 
@@ -60,3 +61,10 @@ TraceSettings readTraceSettings()
                                     "stays 512M\n");
     return settings;
 }
+
+namespace {
+std::atomic<TraceMode> g_mode{TraceMode::full};
+}  // namespace
+
+TraceMode traceMode() { return g_mode.load(std::memory_order_relaxed); }
+void setTraceMode(TraceMode mode) { g_mode.store(mode, std::memory_order_relaxed); }

@@ -18,6 +18,11 @@ struct TraceSettings {
     std::vector<std::string> refusals;
 };
 
+// The mode the log was started with; full until it starts. The log sets it
+// when it starts (setTraceMode); what traces card bytes reads it.
+TraceMode traceMode();
+void setTraceMode(TraceMode mode);
+
 // The settings from the process environment, with the defaults in place of
 // missing or refused values.
 TraceSettings readTraceSettings();

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "diag/text.h"
-#include "diag/trace_log.h"
+#include "diag/trace_settings.h"
 #include "platform/clock.h"
 #include "platform/sync.h"
 #include "platform/thread_safety.h"
