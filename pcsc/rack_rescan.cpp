@@ -13,6 +13,7 @@
 
 #include "diag/trace_log.h"
 #include "link/rack.h"
+#include "pcsc/rack_selection.h"
 #include "pcsc/registry.h"
 #include "platform/clock.h"
 #include "platform/d2xx.h"

@@ -28,6 +28,7 @@
 #include "platform/timer_resolution.h"
 #include "pcsc/lookups.h"
 #include "pcsc/rack_rescan.h"
+#include "pcsc/rack_selection.h"
 #include "reader/reader.h"
 
 // Constructed in this order: racks, vendor name, card handles, log path.
@@ -92,66 +93,7 @@ unsigned long discoveryThread(void*)
     return 0;
 }
 
-bool parseRackSelection(const std::string& text, std::vector<std::string>& serials)
-{
-    std::vector<std::string> found;
-    size_t start = 0;
-    for (;;) {
-        const size_t comma = text.find(',', start);
-        std::string item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-        const size_t first = item.find_first_not_of(' ');
-        const size_t last = item.find_last_not_of(' ');
-        item = first == std::string::npos ? std::string() : item.substr(first, last - first + 1);
-        // FT_DEVICE_LIST_INFO_NODE holds at most 15 characters of a serial.
-        if (item.empty() || item.size() > 15) return false;
-        for (char c : item)
-            if (static_cast<unsigned char>(c) <= ' ' || static_cast<unsigned char>(c) >= 0x7F) return false;
-        found.push_back(item);
-        if (comma == std::string::npos) break;
-        start = comma + 1;
-    }
-    serials = found;
-    return true;
-}
-
 namespace {
-
-// TESSEL_RACKS, read once per search (a search runs once per load). Empty:
-// every rack. A refused value is traced and every rack is taken.
-std::vector<std::string> rackSelection()
-{
-    std::vector<std::string> serials;
-    std::string text;
-    if (!platform::environmentVariable("TESSEL_RACKS", text)) return serials;
-    if (!parseRackSelection(text, serials)) {
-        logWrite("TESSEL_RACKS: \"" + text +
-                 "\" is not a comma-separated list of serial numbers (such as TR0001,TR0003); every rack is taken\n");
-        serials.clear();
-    }
-    return serials;
-}
-
-// The selection of the last search, for the searches that follow while the
-// library runs: TESSEL_RACKS is read once, by the search at load.
-std::mutex& selectionLock()
-{
-    static std::mutex* lock = new std::mutex;
-    return *lock;
-}
-
-std::vector<std::string>& selectionStore()
-{
-    static std::vector<std::string>* serials = new std::vector<std::string>;
-    return *serials;
-}
-
-bool selected(const std::vector<std::string>& selection, const char* serial)
-{
-    if (selection.empty()) return true;
-    for (const std::string& wanted : selection)
-        if (wanted == serial) return true;
-    return false;
-}
 
 // Why a rack's device did not open, in the words a user needs. D2XX lets
 // one process at a time open a device; the list marks a device open
@@ -175,19 +117,9 @@ std::string openFailure(const FT_DEVICE_LIST_INFO_NODE& record, int32_t status)
 
 }  // namespace
 
-bool rackSelected(const char* serial)
-{
-    std::lock_guard<std::mutex> guard(selectionLock());
-    return selected(selectionStore(), serial);
-}
-
 void discoverRacks()
 {
-    const std::vector<std::string> selection = rackSelection();
-    {
-        std::lock_guard<std::mutex> guard(selectionLock());
-        selectionStore() = selection;
-    }
+    takeRackSelection();
     uint32_t count = 0;
     if (FT_ListDevices(&count, nullptr, FT_LIST_NUMBER_ONLY) != FT_OK) {
         logWrite("Failed to list number of devices.");
@@ -221,7 +153,7 @@ void discoverRacks()
         record.SerialNumber[sizeof record.SerialNumber - 1] = '\0';
         if (std::strcmp(record.Description, kRackDescription) != 0) continue;
         logWrite(std::string("Found device with serial ") + record.SerialNumber + "\n");
-        if (!selected(selection, record.SerialNumber)) {
+        if (!rackSelected(record.SerialNumber)) {
             logWrite(std::string("Rack ") + record.SerialNumber + " left out: not in TESSEL_RACKS\n");
             continue;
         }

@@ -23,15 +23,5 @@ void discoverRacks();
 // True once no search runs and every rack found has been enumerated
 // (false with no racks).
 bool allRacksEnumerated();
-// Whether this process takes the rack with this serial number: every rack,
-// or those TESSEL_RACKS named at the search made at load.
-bool rackSelected(const char* serial);
-
-// TESSEL_RACKS: serial numbers separated by commas, blanks around them
-// allowed, each 1 to 15 printable characters; for example "TR0001,TR0003".
-// A process takes only the racks named. False for anything else (an empty
-// item, a blank inside a serial).
-bool parseRackSelection(const std::string& text, std::vector<std::string>& serials);
-
 // Waits until no discovery thread runs (unload and the test seam).
 void waitForDiscoveryThreads();

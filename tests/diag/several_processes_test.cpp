@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "diag/trace_log.h"
+#include "pcsc/rack_selection.h"
 #include "pcsc/registry.h"
 #include "pcsc/winscard_api.h"
 #include "platform/d2xx.h"
