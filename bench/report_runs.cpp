@@ -139,7 +139,7 @@ std::string busLimitReport(const std::vector<Run>& runs, const Workload& w, cons
                               b->perSlotWireMs);
             }
             r << " | the 1,500 ms and 3,000 ms pauses, then one status "
-                 "exchange per slot, taking turns on the bus. "
+                 "exchange per slot, taking turns on the bus, on a 2 ms latency timer whatever the driver's. "
               << bounds << " |\n";
         }
     }

@@ -21,12 +21,13 @@ namespace {
 // KickOff to all racks enumerated as the device behaves: the slot map
 // readable, the receive pass that sees it, the pause, then per slot the
 // request and the pass that sees acknowledge and status reply (they take
-// turns on the bus); the C2 reply likewise. Timer 0: none.
-double bringUpModelMs(int slots, size_t statusReply, double timerMs)
+// turns on the bus); the C2 reply likewise, on `closingTimerMs`, as the
+// driver's timer is back by then. Timer 0: none.
+double bringUpModelMs(int slots, size_t statusReply, double timerMs, double closingTimerMs)
 {
     double mapSeen = nextPoll(wireMs(kMasterFrameBytes) + readableAtMs({kSlotMapBytes}, timerMs)[0]);
     double perSlot = polledCycleMs(kMasterFrameBytes, statusReply, false, timerMs, kReceivePollMs);
-    double c2 = kReceivePollMs + nextPoll(wireMs(kMasterFrameBytes) + readableAtMs({kMasterFrameBytes}, timerMs)[0]);
+    double c2 = kReceivePollMs + nextPoll(wireMs(kMasterFrameBytes) + readableAtMs({kMasterFrameBytes}, closingTimerMs)[0]);
     return kResetPauseMs + mapSeen + kSlotMapPauseMs + slots * perSlot + c2;
 }
 
@@ -88,11 +89,14 @@ BringUp startRack(Rig& rig, const std::string& serial, int slots, double timerMs
     b.wireMsTotal = wireMs(static_cast<double>(kMasterFrameBytes + kSlotMapBytes)) + slots * perSlotWire +
                     wireMs(2.0 * kMasterFrameBytes);
     b.criticalPathMs = kResetPauseMs + kSlotMapPauseMs + b.wireMsTotal;
-    b.deviceMs = bringUpModelMs(slots, statusReply, timerMs);
-    b.pollOnlyMs = bringUpModelMs(slots, statusReply, 0);
+    // The library brings a rack up on a 2 ms latency timer whatever the
+    // driver's, and puts the driver's back before the closing C2.
+    const double bringUpTimerMs = std::min(timerMs, 2.0);
+    b.deviceMs = bringUpModelMs(slots, statusReply, bringUpTimerMs, timerMs);
+    b.pollOnlyMs = bringUpModelMs(slots, statusReply, 0, 0);
     b.perSlotWireMs = perSlotWire;
     b.perSlotPollMs = polledCycleMs(kMasterFrameBytes, statusReply, false, 0, kReceivePollMs);
-    b.perSlotDeviceMs = polledCycleMs(kMasterFrameBytes, statusReply, false, timerMs, kReceivePollMs);
+    b.perSlotDeviceMs = polledCycleMs(kMasterFrameBytes, statusReply, false, bringUpTimerMs, kReceivePollMs);
     return b;
 }
 
